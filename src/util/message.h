@@ -1,0 +1,68 @@
+// A message put together piece by piece in a buffer of fixed size; what does not fit is cut. Serves
+// where a message travels in a record, so that a traced call does not pay for formatted printing.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+#include "util/text.h"
+
+namespace varn {
+
+template <std::size_t kCapacity>
+class Message {
+ public:
+  Message& operator<<(std::string_view piece) {
+    const std::size_t room = kCapacity - size_;
+    const std::size_t n = piece.size() < room ? piece.size() : room;
+    std::memcpy(bytes_ + size_, piece.data(), n);
+    size_ += n;
+    return *this;
+  }
+  Message& operator<<(char c) { return *this << std::string_view(&c, 1); }
+  Message& operator<<(std::int64_t number) {
+    char digits[20];
+    std::size_t at = sizeof digits;
+    std::uint64_t rest =
+        number < 0 ? 0 - static_cast<std::uint64_t>(number) : static_cast<std::uint64_t>(number);
+    do {
+      digits[--at] = static_cast<char>('0' + rest % 10);
+      rest /= 10;
+    } while (rest != 0);
+    if (number < 0) *this << '-';
+    return *this << std::string_view(digits + at, sizeof digits - at);
+  }
+  Message& operator<<(std::int32_t number) { return *this << static_cast<std::int64_t>(number); }
+
+  // As "%6.2f" prints it. Exact: a float times 100 still fits a double's 53 bits, and both round
+  // halves to even.
+  Message& fixed2(float number) {
+    const auto hundredths = static_cast<std::int64_t>(std::nearbyint(double{number} * 100.0));
+    const std::uint64_t size =
+        hundredths < 0 ? 0 - static_cast<std::uint64_t>(hundredths)
+                       : static_cast<std::uint64_t>(hundredths);
+    Message<32> digits;
+    if (std::signbit(number)) digits << '-';
+    digits << static_cast<std::int64_t>(size / 100) << '.';
+    digits << static_cast<char>('0' + size / 10 % 10) << static_cast<char>('0' + size % 10);
+    for (std::size_t n = digits.view().size(); n < 6; ++n) *this << ' ';
+    return *this << digits.view();
+  }
+
+  std::string_view view() const { return {bytes_, size_}; }
+  Text text() const { return {bytes_, static_cast<std::int32_t>(size_)}; }
+
+ private:
+  std::size_t size_ = 0;
+  char bytes_[kCapacity];
+};
+
+// The bytes of a caller's text as "%.*s" would print them: up to `width`, or to a zero byte.
+inline std::string_view printable(Text text, std::size_t width) {
+  const std::string_view bytes = text.clipped(width);
+  return bytes.substr(0, strnlen(bytes.data() ? bytes.data() : "", bytes.size()));
+}
+
+}  // namespace varn

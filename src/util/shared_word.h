@@ -1,0 +1,29 @@
+// Words that another thread or process may change at any time: read once, checked, then used.
+#pragma once
+
+namespace varn {
+
+template <typename T>
+T load(const T& word) {
+  static_assert(__atomic_always_lock_free(sizeof(T), nullptr), "a hidden lock is not shared");
+  return __atomic_load_n(&word, __ATOMIC_RELAXED);
+}
+template <typename T>
+T load_acquire(const T& word) {
+  return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
+}
+template <typename T>
+void store(T& word, T value) {
+  __atomic_store_n(&word, value, __ATOMIC_RELAXED);
+}
+template <typename T>
+void store_release(T& word, T value) {
+  __atomic_store_n(&word, value, __ATOMIC_RELEASE);
+}
+// A statistic: exact across processes, orders nothing.
+template <typename T>
+T add(T& word, T n) {
+  return __atomic_add_fetch(&word, n, __ATOMIC_RELAXED);
+}
+
+}  // namespace varn
