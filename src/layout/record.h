@@ -172,11 +172,18 @@ inline constexpr std::array kRecordKinds{
     RecordKind{'X', "info_ex", 0x40, 'X', 0x00, kInfoExBody},
 };
 
+inline constexpr auto kKindOfType = [] {
+  std::array<std::int8_t, 256> place{};
+  place.fill(-1);
+  for (std::size_t i = 0; i < kRecordKinds.size(); ++i)
+    place[static_cast<unsigned char>(kRecordKinds[i].rec_type)] = static_cast<std::int8_t>(i);
+  return place;
+}();
+
 // Null for a byte that is no record type.
 constexpr const RecordKind* record_kind(char rec_type) {
-  for (const RecordKind& kind : kRecordKinds)
-    if (kind.rec_type == rec_type) return &kind;
-  return nullptr;
+  const std::int8_t place = kKindOfType[static_cast<unsigned char>(rec_type)];
+  return place < 0 ? nullptr : &kRecordKinds[static_cast<std::size_t>(place)];
 }
 
 // The kind of a type known at compile time.

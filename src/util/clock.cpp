@@ -1,6 +1,8 @@
 #include "util/clock.h"
 
+#include <algorithm>
 #include <cstring>
+#include <ctime>
 
 #include "util/text.h"
 
@@ -10,6 +12,7 @@ namespace {
 // Clocks are put forward and back on quarters of an hour everywhere, so an offset holds for one.
 constexpr std::int64_t kOffsetSpan = 15 * 60;
 constexpr std::int64_t kSecPerDay = 24 * 60 * 60;
+constexpr std::int64_t kLastSecond = 253'402'214'400 - 1;  // a day before the year 10000
 
 struct Civil {
   std::int64_t year;
@@ -67,7 +70,7 @@ void refresh_second(StampCache& cache, std::int64_t sec) {
 
 Stamp local_stamp(StampCache& cache, std::int64_t sec, std::int64_t usec) {
   if (sec != cache.second) [[unlikely]]
-    refresh_second(cache, sec);
+    refresh_second(cache, std::clamp<std::int64_t>(sec, 0, kLastSecond));
   Stamp stamp;
   std::memcpy(stamp.date, cache.date, sizeof stamp.date);
   std::memcpy(stamp.time, cache.time, sizeof cache.time);

@@ -2,7 +2,6 @@
 // where a message travels in a record, so that a traced call does not pay for formatted printing.
 #pragma once
 
-#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
@@ -36,15 +35,19 @@ class Message {
   }
   Message& operator<<(std::int32_t number) { return *this << static_cast<std::int64_t>(number); }
 
-  // As "%6.2f" prints it. Exact: a float times 100 still fits a double's 53 bits, and both round
-  // halves to even.
+  // As "%6.2f" prints a number below 10^16. Exact: a float times 100 still fits a double's 53
+  // bits, and both round halves to even.
   Message& fixed2(float number) {
-    const auto hundredths = static_cast<std::int64_t>(std::nearbyint(double{number} * 100.0));
+    const double exact = double{number} * 100.0;
+    auto hundredths = static_cast<std::int64_t>(exact);
+    const double left = exact - static_cast<double>(hundredths);
+    const double half = left < 0 ? -left : left;
+    if (half > 0.5 || (half == 0.5 && hundredths % 2 != 0)) hundredths += left < 0 ? -1 : 1;
     const std::uint64_t size =
         hundredths < 0 ? 0 - static_cast<std::uint64_t>(hundredths)
                        : static_cast<std::uint64_t>(hundredths);
     Message<32> digits;
-    if (std::signbit(number)) digits << '-';
+    if (number < 0) digits << '-';
     digits << static_cast<std::int64_t>(size / 100) << '.';
     digits << static_cast<char>('0' + size / 10 % 10) << static_cast<char>('0' + size % 10);
     for (std::size_t n = digits.view().size(); n < 6; ++n) *this << ' ';
@@ -62,7 +65,7 @@ class Message {
 // The bytes of a caller's text as "%.*s" would print them: up to `width`, or to a zero byte.
 inline std::string_view printable(Text text, std::size_t width) {
   const std::string_view bytes = text.clipped(width);
-  return bytes.substr(0, strnlen(bytes.data() ? bytes.data() : "", bytes.size()));
+  return {bytes.data(), bytes.empty() ? 0 : strnlen(bytes.data(), bytes.size())};
 }
 
 }  // namespace varn

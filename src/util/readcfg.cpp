@@ -26,7 +26,7 @@ std::string_view next_word(std::string_view& rest) {
     return {};
   }
   const std::size_t end = std::min(rest.find_first_of(kBlanks, begin), rest.size());
-  const std::string_view word = rest.substr(begin, end - begin);
+  const std::string_view word(rest.data() + begin, end - begin);
   rest.remove_prefix(end);
   return word;
 }

@@ -1,0 +1,82 @@
+#include "core/caller.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "util/fence.h"
+
+namespace varn {
+namespace {
+
+Caller callers[kMaxCallers];
+std::atomic<std::uint32_t> next_caller;  // where the search for a free record begins
+
+// Whether its thread is inside a call. A thread that was cancelled there never left it, but is gone.
+bool is_inside(const Caller& caller) {
+  return caller.state.load(std::memory_order_acquire) == kInCall &&
+         thread_exists(caller.kernel_tid.load(std::memory_order_relaxed));
+}
+
+bool take_over(Caller& caller, std::int32_t kernel_tid) {
+  std::int32_t owner = caller.kernel_tid.load(std::memory_order_relaxed);
+  if (owner != 0 && thread_exists(owner)) return false;
+  if (!caller.kernel_tid.compare_exchange_strong(owner, kernel_tid, std::memory_order_acq_rel))
+    return false;
+  caller.state.store(kOutside, std::memory_order_release);
+  caller.var.store(nullptr, std::memory_order_relaxed);
+  return true;
+}
+
+}  // namespace
+
+constinit thread_local Caller* my_caller = nullptr;
+
+Caller* claim_caller() {
+  const int saved_errno = errno;
+  const std::int32_t kernel_tid = gettid();
+  Caller* claimed = nullptr;
+  for (int tries = 0; tries < kMaxCallers && claimed == nullptr; ++tries) {
+    Caller& caller = callers[next_caller.fetch_add(1, std::memory_order_relaxed) % kMaxCallers];
+    if (take_over(caller, kernel_tid)) claimed = &caller;
+  }
+  my_caller = claimed;
+  errno = saved_errno;
+  return claimed;
+}
+
+bool thread_exists(std::int32_t kernel_tid) {
+  return kernel_tid > 0 && (tgkill(getpid(), kernel_tid, 0) == 0 || errno != ESRCH);
+}
+
+bool used_inside_a_call(const MTR_CXT_VAR& var, const Caller* self) {
+  heavy_fence();
+  for (const Caller& caller : callers)
+    if (&caller != self && caller.var.load(std::memory_order_relaxed) == &var && is_inside(caller))
+      return true;
+  return false;
+}
+
+bool wait_for_callers(const Caller* self, int milliseconds) {
+  heavy_fence();
+  for (const Caller& caller : callers) {
+    while (&caller != self && is_inside(caller)) {
+      if (milliseconds-- <= 0) return false;
+      usleep(1000);
+    }
+  }
+  return true;
+}
+
+void forget_callers() {
+  for (Caller& caller : callers) {
+    caller.kernel_tid.store(0, std::memory_order_relaxed);
+    caller.state.store(kOutside, std::memory_order_relaxed);
+    caller.var.store(nullptr, std::memory_order_relaxed);
+  }
+  next_caller.store(0, std::memory_order_relaxed);
+  my_caller = nullptr;
+}
+
+}  // namespace varn

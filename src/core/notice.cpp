@@ -1,0 +1,91 @@
+#include "core/notice.h"
+
+#include "core/gvar.h"
+#include "core/tran_ex.h"
+#include "core/validate.h"
+#include "util/clock.h"
+#include "util/log_printf.h"
+#include "util/message.h"
+
+namespace varn {
+namespace {
+
+constexpr std::size_t kLoggedGid = 30;
+
+// Composes and sends, once validation has passed.
+int send_notice(MTR_CXT_VAR& var, const RecordKind& kind, Pairs pairs, Text gid) {
+  const TimeVal tv = now();
+  put_header(var, kind, pairs.first(kHeadPairs), gid, local_stamp(var.stamp, tv.sec, tv.usec));
+  put_fields(var.rec.view, kind.body, pairs.subspan(kHeadPairs));
+  close_record(var, kind);
+  return tran_logb(var, var.rec);
+}
+
+Text given_or_level_gid(Text gid, const SvcLevel* level) {
+  return gid.given() || level == nullptr ? gid : Text::of(level->gid);
+}
+
+}  // namespace
+
+SvcLevel* current_level(MTR_CXT_VAR& var) {
+  if (var.svc_depth < 1 || var.svc_depth > kMaxSvcDepth) return nullptr;
+  return &var.svc_stack[var.svc_depth - 1];
+}
+
+int trace_info(MTR_CXT_VAR& var, Pairs pairs) {
+  const SvcLevel* const level = current_level(var);
+  Text svc_id = pairs[kPairSvcId];
+  if (!svc_id.given()) {
+    if (level == nullptr) {
+      const std::string_view gid = printable(pairs[kPairGid], kLoggedGid);
+      VARN_LOG_LIMITED(
+          "<!> INFO service_depth error!(val:%d (MAX:%d)), GID-PID-TID |%.*s|-|%d|-|%lu|",
+          var.svc_depth, kMaxSvcDepth, static_cast<int>(gid.size()), gid.data(), var.pid, var.tid);
+      return TRAN_RC_DEPTH;
+    }
+    svc_id = Text::of(level->svc_id);
+  }
+  if (const int rc = trace_validate(var, 'I', kInfoApi, var.rec, svc_id, {}); rc != 0) return rc;
+  return send_notice(var, kKind<'I'>, pairs, given_or_level_gid(pairs[kPairGid], level));
+}
+
+int trace_info_ex(MTR_CXT_VAR& var, Pairs pairs) {
+  if (const int rc = trace_validate(var, 'X', kInfoExApi, var.rec, pairs[kPairSvcId], {}); rc != 0)
+    return rc;
+  return send_notice(var, kKind<'X'>, pairs,
+                     given_or_level_gid(pairs[kPairGid], current_level(var)));
+}
+
+int trace_event(MTR_CXT_VAR& var, Pairs pairs) {
+  if (const int rc = trace_validate(var, 'V', kEventApi, var.rec, pairs[kPairSvcId], {}); rc != 0)
+    return rc;
+  return send_notice(var, kKind<'V'>, pairs, pairs[kPairGid]);
+}
+
+int trace_errinfo(MTR_CXT_VAR& var, Pairs pairs) {
+  const SvcLevel* const level = current_level(var);
+  if (level == nullptr) return TRAN_RC_DEPTH;
+  if (const int rc = trace_validate(var, 'E', kErrInfoApi, var.rec, Text::of(level->svc_id), {});
+      rc != 0)
+    return rc;
+  return send_notice(var, kKind<'E'>, pairs, Text::of(level->gid));
+}
+
+int emit_info(MTR_CXT_VAR& var, Text gid, Text svc_id, Text message) {
+  if (const int rc = admit(kKind<'I'>.log_flag); rc != 0) return rc;
+  Text pairs[kHeadPairs + 1];
+  pairs[kPairGid] = gid;
+  pairs[kPairSvcId] = svc_id;
+  pairs[kHeadPairs] = message;
+  return trace_info(var, pairs);
+}
+
+int emit_event(MTR_CXT_VAR& var, const Event& event) {
+  if (const int rc = admit(kKind<'V'>.log_flag); rc != 0) return rc;
+  const Text pairs[] = {event.hdr_cd,   event.hdr_flag,    event.gid,        event.svc_id, {}, {}, {},
+                        event.event_cd, event.recv_svc_cd, event.chnl_class, event.message};
+  static_assert(std::size(pairs) == kHeadPairs + kEventBody.size());
+  return trace_event(var, pairs);
+}
+
+}  // namespace varn

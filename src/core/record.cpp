@@ -1,0 +1,106 @@
+#include "core/record.h"
+
+#include <sys/time.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "core/gvar.h"
+#include "hash/hash.h"
+#include "util/clock.h"
+#include "util/msgq.h"
+#include "util/shared_word.h"
+
+namespace varn {
+namespace {
+
+void put_field(char* view, const Field& field, Text text) {
+  put_padded(view + field.at, field.width, text);
+  view[field.at + field.width] = ' ';
+}
+
+// The hash of a transaction's GID serves all its records.
+std::uint32_t queue_hash(MTR_CXT_VAR& var, const TRAN_LOGF_QUE_DATA& record) {
+  const char* const gid = record.view + kGid.at;
+  if (std::memcmp(var.hashed_gid, gid, sizeof var.hashed_gid) != 0) {
+    std::memcpy(var.hashed_gid, gid, sizeof var.hashed_gid);
+    var.gid_hash = get_hash_code(gid + write_qidx_idx_gid_rng_pos,
+                                 static_cast<std::size_t>(write_qidx_idx_gid_rng_siz));
+  }
+  return var.gid_hash;
+}
+
+[[gnu::cold, gnu::noinline]] int count_failed_send(std::uint32_t que_no) {
+  if (que_no < kMaxQueues) add(gvar.que_info->que_fail_cnt[que_no], 1U);
+  return TRAN_RC_NOT_SENT;
+}
+
+// A queue that was removed may have come back under its key: looked up at most once a second.
+[[gnu::cold, gnu::noinline]] bool find_queue_again(std::uint32_t que_no) {
+  static std::atomic<std::int64_t> last_looked[kMaxQueues];
+  const std::int64_t second = time(nullptr);
+  if (last_looked[que_no].exchange(second, std::memory_order_relaxed) == second) return false;
+  const int msqid = create_msgq(gvar.msgq_key + static_cast<std::int32_t>(que_no));
+  if (msqid < 0) return false;
+  store(gvar.msgq_id[que_no], msqid);
+  return true;
+}
+
+[[gnu::cold, gnu::noinline]] int send_failed(std::uint32_t que_no,
+                                             const TRAN_LOGF_QUE_DATA& record) {
+  const bool is_gone = errno == EINVAL || errno == EIDRM;
+  if (is_gone && find_queue_again(que_no) &&
+      send_msgq(load(gvar.msgq_id[que_no]), &record, kRecordTextSize) == 0)
+    return static_cast<int>(que_no);
+  return count_failed_send(que_no);
+}
+
+}  // namespace
+
+TimeVal now() {
+  timeval tv = {};
+  gettimeofday(&tv, nullptr);
+  return {tv.tv_sec, tv.tv_usec};
+}
+
+void put_header(MTR_CXT_VAR& var, const RecordKind& kind, Pairs head, Text gid,
+                const Stamp& stamp) {
+  const auto given_or = [&](Pair pair, Text other) {
+    return head[pair].given() ? head[pair] : other;
+  };
+  char* const view = var.rec.view;
+  view[kRecType.at] = kind.rec_type;
+  put_field(view, kHdrCd, head[kPairHdrCd]);
+  put_field(view, kHdrFlag, head[kPairHdrFlag]);
+  put_field(view, kGid, gid);
+  put_field(view, kPid, given_or(kPairPidStr, Text::of(var.pid_txt)));
+  put_field(view, kDate, given_or(kPairDateStr, Text::of(stamp.date)));
+  put_field(view, kTime, given_or(kPairTimeStr, Text::of(stamp.time)));
+}
+
+void put_fields(char* view, std::span<const Field> fields, Pairs texts) {
+  for (std::size_t i = 0; i < fields.size(); ++i) put_field(view, fields[i], texts[i]);
+}
+
+void close_record(MTR_CXT_VAR& var, const RecordKind& kind) {
+  const std::uint32_t length = kind.length();
+  var.rec.length = length;
+  if (length < var.rec_used) std::memset(var.rec.view + length, ' ', var.rec_used - length);
+  var.rec_used = length;
+}
+
+int tran_logb(MTR_CXT_VAR& var, const TRAN_LOGF_QUE_DATA& record) {
+  const std::uint32_t que_no = queue_hash(var, record) & load(gvar.que_info->que_mask);
+  if (var.ptrc != nullptr) store(var.ptrc->que_idx, static_cast<std::uint8_t>(que_no));
+  if (record_kind(record.view[kRecType.at]) == nullptr) return TRAN_RC_UNKNOWN_TYPE;
+  // The mask is the collector's and may have grown past the queues that this process opened.
+  if (que_no >= static_cast<std::uint32_t>(gvar.msgq_cnt)) return count_failed_send(que_no);
+  if (send_msgq(load(gvar.msgq_id[que_no]), &record, kRecordTextSize) == 0) [[likely]]
+    return static_cast<int>(que_no);
+  return send_failed(que_no, record);
+}
+
+}  // namespace varn

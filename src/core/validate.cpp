@@ -1,0 +1,222 @@
+#include "core/validate.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <string_view>
+
+#include "core/gvar.h"
+#include "hash/get_svc_hash.h"
+#include "util/log_printf.h"
+#include "util/shared_word.h"
+
+namespace varn {
+namespace {
+
+constexpr std::int8_t kSnapshotTrcDepth = 50;
+
+enum class Filter { kPass, kRefuse, kGoOn };
+
+// What service filtering says of a record kind with this bit in a service's trace flags.
+Filter service_filter(const MTR_CXT_VAR& var, std::uint8_t svc_flag) {
+  const std::uint8_t filtering = load(gvar.que_info->svc_filtering);
+  if (filtering == 0) return Filter::kGoOn;
+  if (var.svc != nullptr)
+    return (load(var.svc->trace_flags) & svc_flag) != 0 ? Filter::kPass : Filter::kRefuse;
+  return filtering == 2 ? Filter::kRefuse : Filter::kGoOn;
+}
+
+bool is_switched_on(std::uint8_t log_flag) {
+  return (load(gvar.que_info->log_flag_set) & log_flag) != 0;
+}
+
+std::uint8_t snapshot_state(const MTR_CXT_VAR& var) { return load(var.ptrc->snapshot_state); }
+
+bool has_open_service(const MTR_CXT_VAR& var) {
+  return var.log_bit != 0 && (var.log_bit & (kStartBit | kEndBit)) != (kStartBit | kEndBit);
+}
+
+// The filter, the flag, and for most kinds a running snapshot, which admits what is switched off.
+int filter_and_flag(const MTR_CXT_VAR& var, const RecordKind& kind, SnapshotState admitting) {
+  if (kind.svc_flag != 0) {
+    const Filter filter = service_filter(var, kind.svc_flag);
+    if (filter == Filter::kPass) return TRAN_RC_OK;
+    if (filter == Filter::kRefuse) return TRAN_RC_FILTERED;
+  }
+  if (is_switched_on(kind.log_flag) || snapshot_state(var) == admitting) return TRAN_RC_OK;
+  return TRAN_RC_SWITCHED_OFF;
+}
+
+std::int64_t limit_us(std::uint64_t limit) {
+  constexpr std::uint64_t kMost = std::numeric_limits<std::int64_t>::max();
+  return static_cast<std::int64_t>(std::min(limit, kMost));
+}
+
+std::int8_t depth_of(std::uint32_t depth) {
+  return static_cast<std::int8_t>(std::min<std::uint32_t>(depth, 127));
+}
+
+void reset_call_counters(PTRC_HASH_ENT& entry) {
+  store(entry.call_top, std::int8_t{0});
+  store(entry.call_last_top, std::int8_t{0});
+  store(entry.call_nest, 0);
+  store(entry.call_cnt, 0);
+  store(entry.dbio_elapsed_total, std::int64_t{0});
+  store(entry.err_rc_seen, std::uint8_t{0});
+  store(entry.svc_timeout_seen, std::uint8_t{0});
+}
+
+struct TraceLimits {
+  std::int8_t depth;
+  std::int64_t call_us;
+  std::int64_t dbio_us;
+  std::int64_t sql_us;
+};
+
+void set_limits(PTRC_HASH_ENT& entry, const TraceLimits& limits) {
+  store(entry.trc_depth, limits.depth);
+  store(entry.call_limit_us, limits.call_us);
+  store(entry.dbio_limit_us, limits.dbio_us);
+  store(entry.sql_limit_us, limits.sql_us);
+}
+
+TraceLimits limits_of(const SVC_HASH_ENT& svc) {
+  return {depth_of(load(svc.call_trc_depth)), limit_us(load(svc.call_trc_limit)),
+          limit_us(load(svc.dbio_trc_limit)), limit_us(load(svc.sql_trc_limit))};
+}
+
+TraceLimits default_limits() {
+  const TRAN_LOGF_QUE_INFO& info = *gvar.que_info;
+  return {depth_of(load(info.call_trc_depth)), limit_us(load(info.call_trc_limit)),
+          limit_us(load(info.dbio_trc_limit)), limit_us(load(info.sql_trc_limit))};
+}
+
+// An empty code matches nothing.
+bool snapshot_matches(const PTRC_HASH_ENT& entry, Text snap_cd) {
+  if (!snap_cd.given() || load(entry.snapshot_state) != kSnapshotArmed) return false;
+  char armed[sizeof entry.snapshot_tx_cd];
+  std::memcpy(armed, entry.snapshot_tx_cd, sizeof armed);
+  const std::string_view wanted(armed, strnlen(armed, sizeof armed));
+  return !wanted.empty() && snap_cd.clipped(sizeof armed).starts_with(wanted);
+}
+
+int validate_start(MTR_CXT_VAR& var, const RecordKind& kind, const char* svc_id, Text snap_cd) {
+  PTRC_HASH_ENT& entry = *var.ptrc;
+  const bool outermost = var.svc_depth == 1;
+  const bool filtering = load(gvar.que_info->svc_filtering) != 0;
+  if (outermost) var.svc = filtering ? get_svc_hash(*gvar.svc_hash_tbl, svc_id) : nullptr;
+
+  switch (service_filter(var, kind.svc_flag)) {
+    case Filter::kRefuse:
+      return TRAN_RC_FILTERED;
+    case Filter::kPass:
+      if (outermost) {
+        reset_call_counters(entry);
+        set_limits(entry, limits_of(*var.svc));
+      }
+      return TRAN_RC_OK;
+    case Filter::kGoOn:
+      break;
+  }
+  if (!is_switched_on(kind.log_flag) && snapshot_state(var) == kSnapshotNone)
+    return TRAN_RC_SWITCHED_OFF;
+  if (!outermost) return TRAN_RC_OK;
+  reset_call_counters(entry);
+  if (snapshot_matches(entry, snap_cd)) {
+    set_limits(entry, {kSnapshotTrcDepth, 0, 0, 0});
+    store(entry.snapshot_state, static_cast<std::uint8_t>(kSnapshotRunning));
+  } else {
+    set_limits(entry, default_limits());
+  }
+  return TRAN_RC_OK;
+}
+
+int validate_end(MTR_CXT_VAR& var, const RecordKind& kind) {
+  const Filter filter = service_filter(var, kind.svc_flag);
+  if (filter == Filter::kPass) return TRAN_RC_OK;
+  if (filter == Filter::kRefuse) return TRAN_RC_FILTERED;
+  const std::uint8_t snapshot = snapshot_state(var);
+  if (!is_switched_on(kind.log_flag) && snapshot != kSnapshotRunning) return TRAN_RC_SWITCHED_OFF;
+  if (var.svc_depth != 1) return TRAN_RC_OK;
+  store(var.ptrc->trc_depth, std::int8_t{0});
+  var.svc = nullptr;
+  if (snapshot == kSnapshotRunning)
+    store(var.ptrc->snapshot_state, static_cast<std::uint8_t>(kSnapshotFinished));
+  return TRAN_RC_OK;
+}
+
+// Database calls are never refused by the flag: they go on being timed, and the entry says why they
+// are not recorded.
+int validate_dbio(MTR_CXT_VAR& var, const RecordKind& kind) {
+  const auto set_rec_off = [&](std::int8_t why) { store(var.ptrc->dbio_rec_off, why); };
+  set_rec_off(0);
+  if (load(gvar.que_info->svc_filtering) != 0 && var.svc != nullptr) {
+    if (service_filter(var, kind.svc_flag) == Filter::kRefuse) set_rec_off('y');
+    return TRAN_RC_OK;
+  }
+  if (service_filter(var, kind.svc_flag) == Filter::kRefuse) return TRAN_RC_FILTERED;
+  if (!is_switched_on(kind.log_flag) && snapshot_state(var) != kSnapshotRunning) set_rec_off('d');
+  return TRAN_RC_OK;
+}
+
+// Client-handler and web calls open no service level of their own.
+bool is_flat(ApiType api_type) {
+  return api_type == kClhStartApi || api_type == kClhEndApi || api_type == kClhErrorApi ||
+         api_type == kWebStartApi || api_type == kWebEndApi;
+}
+
+bool needs_open_service(char rec_type, ApiType api_type) {
+  switch (rec_type) {
+    case '9':
+    case 'E':
+      return !is_flat(api_type);
+    case 'B':
+    case 'C':
+    case 'Q':
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool is_foreign_entry(const MTR_CXT_VAR& var, char rec_type) {
+  const std::int32_t ent_pid = load(var.ptrc->ent_pid);
+  const std::uint64_t ent_tid = load(var.ptrc->ent_tid);
+  if (ent_pid == var.pid && ent_tid == var.tid) [[likely]]
+    return false;
+  if (rec_type == '1' || rec_type == '2')
+    VARN_LOG_LIMITED("<!> PTRC HASH (pid %d, tid %lu) is not equal to MTR_CXT_VAR (pid %d, tid %lu)",
+                     ent_pid, ent_tid, var.pid, var.tid);
+  return true;
+}
+
+}  // namespace
+
+int trace_validate(MTR_CXT_VAR& var, char rec_type, ApiType api_type, TRAN_LOGF_QUE_DATA& record,
+                   Text svc_id, Text snap_cd) {
+  if (var.cxt_init_flag == TRAN_RC_NO_ENTRY || var.ptrc == nullptr) return TRAN_RC_NO_ENTRY;
+  if (is_foreign_entry(var, rec_type)) return TRAN_RC_FOREIGN_ENTRY;
+  const RecordKind* const kind = record_kind(rec_type);
+  if (kind == nullptr) return TRAN_RC_UNKNOWN_TYPE;
+
+  if (needs_open_service(rec_type, api_type) && !has_open_service(var)) return TRAN_RC_NO_SERVICE;
+  if (rec_type == 'Q' && load(var.ptrc->sql_cnt) > kSqlEntries) return TRAN_RC_TOO_MANY_SQL;
+  char* const header_svc_id = record.view + kSvcId.at;
+  put_padded(header_svc_id, kSvcId.width, svc_id);
+  header_svc_id[kSvcId.width] = ' ';
+
+  switch (rec_type) {
+    case '1':
+      return validate_start(var, *kind, header_svc_id, snap_cd);
+    case '2':
+      return validate_end(var, *kind);
+    case 'B':
+      return validate_dbio(var, *kind);
+    case 'V':
+      return filter_and_flag(var, *kind, kSnapshotFinished);
+    default:
+      return filter_and_flag(var, *kind, kSnapshotRunning);
+  }
+}
+
+}  // namespace varn

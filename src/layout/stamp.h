@@ -1,0 +1,23 @@
+// A moment as the text that records show, and what is remembered from one moment to the next.
+#pragma once
+
+#include <cstdint>
+
+namespace varn {
+
+struct Stamp {
+  char date[8];   // YYYYMMDD, local
+  char time[12];  // HHMMSS and six digits of microseconds
+};
+
+// In a place that one thread at a time uses. All zero is empty.
+struct StampCache {
+  std::int64_t second;        // whose text `date` and `time` hold; 0: none
+  std::int64_t offset_from;   // seconds from which `utc_offset` holds,
+  std::int64_t offset_until;  // and from which it no longer does
+  std::int64_t utc_offset;    // seconds east of Greenwich
+  char date[8];               // YYYYMMDD
+  char time[6];               // HHMMSS
+};
+
+}  // namespace varn
