@@ -10,7 +10,7 @@
 namespace varn {
 namespace {
 
-Caller callers[kMaxCallers];
+constinit Caller callers[kMaxCallers] = {};
 std::atomic<std::uint32_t> next_caller;  // where the search for a free record begins
 
 // Whether its thread is inside a call. A thread that was cancelled there never left it, but is gone.

@@ -24,6 +24,7 @@ namespace {
 
 constexpr int kFailed = TRAN_RC_NOT_STARTED;
 constexpr char kLogTitle[] = "libvarn";
+constexpr int kMostLogHome = 240;  // so that the log's directory below it still fits
 
 // What a row of the table below does with its key's value: 0, or the code that ends the start.
 using Take = int (*)(const ConfigKey& key, const char* value);
@@ -78,11 +79,16 @@ Attach attach_segment(key_t key, std::int32_t* shmid, Segment** segment) {
   return Attach::kDone;
 }
 
-int take_log_home(const ConfigKey&, const char* value) {
-  if (value[0] == '/')
-    std::snprintf(log_home_dir, sizeof log_home_dir, "%s", value);
-  else
-    std::snprintf(log_home_dir, sizeof log_home_dir, "%s/%s", secure_getenv("TRAN_AGT_HOME"), value);
+int take_log_home(const ConfigKey& key, const char* value) {
+  const char* const home = secure_getenv("TRAN_AGT_HOME");
+  const int n = value[0] == '/'
+                    ? std::snprintf(log_home_dir, sizeof log_home_dir, "%s", value)
+                    : std::snprintf(log_home_dir, sizeof log_home_dir, "%s/%s", home, value);
+  if (n > kMostLogHome) {
+    std::fprintf(stderr, "[tran_init] [%s] is over %d characters : %s\n", key.key, kMostLogHome,
+                 log_home_dir);
+    return kFailed;
+  }
   char dir[sizeof log_home_dir + 32];
   std::snprintf(dir, sizeof dir, "%s/proc/%s", log_home_dir, kLogTitle);
   open_log(dir, kLogTitle, 0);

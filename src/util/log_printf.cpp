@@ -56,16 +56,19 @@ int open_days_file(const struct tm& local, unsigned mask) {
   return open_appending(path, mask);
 }
 
-void put_name(char (&place)[256], const char* name) {
-  if (name != nullptr) std::snprintf(place, sizeof place, "%s", name);
+// False for a name that does not fit: a shortened path is another path.
+bool put_name(char (&place)[256], const char* name) {
+  if (name == nullptr) return true;
+  if (std::strlen(name) >= sizeof place) return false;
+  std::strcpy(place, name);
+  return true;
 }
 
 }  // namespace
 
 int open_log(const char* dir, const char* title, unsigned mask) {
   if (log_state.fd.load() >= 0) return 0;
-  put_name(log_state.log_dir, dir);
-  put_name(log_state.log_title, title);
+  if (!put_name(log_state.log_dir, dir) || !put_name(log_state.log_title, title)) return -1;
   if (log_state.log_dir[0] == '\0') return -1;
   const int fd = open_days_file(local_time(time(nullptr)), mask);
   log_state.fd.store(fd);

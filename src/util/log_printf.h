@@ -8,7 +8,8 @@
 namespace varn {
 
 // Opens the day's file "DIR/TITLE-YYYY-MM-DD-log" for appending, with permissions 0666 less `mask`.
-// Null keeps the directory or title given before. 0, also when a log is open already; or -1.
+// Null keeps the directory or title given before; either has at most 255 characters. 0, also when a
+// log is open already; or -1.
 int open_log(const char* dir, const char* title, unsigned mask);
 
 void close_log();
