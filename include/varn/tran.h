@@ -38,28 +38,28 @@ extern "C" {
 
 /* What the calls return. Codes that only calls of a later release set are not listed. */
 enum tran_rc {
-  TRAN_RC_OK = 0,              /* success; a call that sent a record returns its queue, 0 to 15 */
-  TRAN_RC_FAILED = -1,         /* TRAN_DONE: release failed; set_fst_err_rc_set: malformed value */
-  TRAN_RC_NOT_READY = 99,      /* the collector has not marked its segment ready */
-  TRAN_RC_SWITCHED_OFF = 100,  /* this kind of record is switched off */
-  TRAN_RC_BAD_SEGMENT = 101,   /* segment not attached, or its queue count is not 1 to 16 */
-  TRAN_RC_UNKNOWN_TYPE = 102,  /* unknown record type */
-  TRAN_RC_NOT_STARTED = 103,   /* the agent is not started, or its configuration step failed */
+  TRAN_RC_OK = 0,             /* success; a call that sent a record returns its queue, 0 to 15 */
+  TRAN_RC_FAILED = -1,        /* TRAN_DONE: release failed; set_fst_err_rc_set: malformed value */
+  TRAN_RC_NOT_READY = 99,     /* the collector has not marked its segment ready */
+  TRAN_RC_SWITCHED_OFF = 100, /* this kind of record is switched off */
+  TRAN_RC_BAD_SEGMENT = 101,  /* segment not attached, or its queue count is not 1 to 16 */
+  TRAN_RC_UNKNOWN_TYPE = 102, /* unknown record type */
+  TRAN_RC_NOT_STARTED = 103,  /* the agent is not started, or its configuration step failed */
   TRAN_RC_ALREADY_STARTED = 104,
-  TRAN_RC_NOT_SENT = 105,      /* the record could not be put on its queue; counted */
+  TRAN_RC_NOT_SENT = 105,       /* the record could not be put on its queue; counted */
   TRAN_RC_NO_ENVIRONMENT = 106, /* TRAN_HOME, TRAN_AGT_HOME or TRAN_AGT_CFG_FILE is not set */
   /* No free context: each of 256 buckets holds ten threads, and on Linux the ids of POSIX threads
    * all fall into one bucket, so the eleventh thread that passes a negative number is refused.
    * Set VARN_THREAD_ID=kernel in the environment to number threads by their kernel id instead. */
   TRAN_RC_NO_CONTEXT = 107,
-  TRAN_RC_NO_SERVICE = 112,     /* the record needs an open service */
-  TRAN_RC_TOO_MANY_SQL = 113,   /* too many SQL statements in the current database call */
-  TRAN_RC_NO_ENTRY = 116,       /* the thread has no entry in the shared process-thread table */
-  TRAN_RC_NO_MUTEX = 117,       /* a bucket's mutex could not be initialised */
-  TRAN_RC_FOREIGN_ENTRY = 118,  /* the shared entry belongs to another thread */
-  TRAN_RC_FILTERED = 121,       /* the service is excluded by service filtering */
-  TRAN_RC_DEPTH = 123,          /* no service is open, or too many are */
-  TRAN_RC_SVCTIMEOUT = 126      /* TRAN_SET_SVCTIMEOUT was called: off until the next TRAN_INIT */
+  TRAN_RC_NO_SERVICE = 112,    /* the record needs an open service */
+  TRAN_RC_TOO_MANY_SQL = 113,  /* too many SQL statements in the current database call */
+  TRAN_RC_NO_ENTRY = 116,      /* the thread has no entry in the shared process-thread table */
+  TRAN_RC_NO_MUTEX = 117,      /* a bucket's mutex could not be initialised */
+  TRAN_RC_FOREIGN_ENTRY = 118, /* the shared entry belongs to another thread */
+  TRAN_RC_FILTERED = 121,      /* the service is excluded by service filtering */
+  TRAN_RC_DEPTH = 123,         /* no service is open, or too many are */
+  TRAN_RC_SVCTIMEOUT = 126     /* TRAN_SET_SVCTIMEOUT was called: off until the next TRAN_INIT */
 };
 
 /* Starts the agent in this process: reads the environment and the configuration file, attaches the
@@ -76,43 +76,43 @@ VARN_API int TRAN_INIT(void);
 VARN_API int TRAN_DONE(void);
 
 /* The 29 texts of a transaction, in the order in which TRAN_START, TRAN_END and TRAN_ERROR take
- * them after the thread number. Each is a pair: `const char *NAME, int NAME_len`.
+ * them after the thread number. Each is a pair: `const char* NAME, int NAME_len`.
  *
  *   X(name, width)            width: bytes of its field in the record
  */
-#define TRAN_FIELD_LIST(X)                                                                    \
-  X(hdr_cd, 2)             /* caller's two-character code */                                  \
-  X(hdr_flag, 1)           /* caller's one-character code */                                  \
-  X(gid, 32)               /* global transaction id (GID); its first 30 characters count */   \
-  X(svc_id, 16)            /* service id */                                                   \
-  X(pid_str, 8)            /* process id text; the process id when null */                    \
-  X(date_str, 8)           /* YYYYMMDD; the local date when null */                           \
-  X(time_str, 12)          /* HHMMSSuuuuuu; the local time when null. An end that gives it    \
-                              reports no response time */                                     \
-  X(ext_flag, 1)           /* one-character flag */                                           \
-  X(trsc_grco_br, 6)       /* group-company code (2) and branch number (4) */                 \
-  X(chnl_typ_cd, 3)        /* channel type; "ICT" and "ICC" are linked channels */            \
-  X(recv_svc_cd, 12)       /* receive service code */                                         \
-  X(scrn_id, 9)            /* screen id */                                                    \
-  X(emp_no, 7)             /* employee number */                                              \
-  X(proc_rslt_dv_cd, 1)    /* processing-result code */                                       \
-  X(std_tmsg_err_cd, 9)    /* telegram error code */                                          \
-  X(std_tmsg_len, 8)       /* telegram length, as text */                                     \
-  X(ipv6_adr, 39)          /* IPv6 address, as text */                                        \
-  X(fst_trms_sys_cd, 3)    /* first transmitting system */                                    \
-  X(trms_sys_cd, 3)        /* transmitting system */                                          \
-  X(rqst_rsps_dv_cd, 1)    /* request or response */                                          \
-  X(trsc_sync_dv_cd, 1)    /* synchronous or asynchronous */                                  \
-  X(rslt_recv_svc_cd, 12)  /* service code that receives the result */                        \
-  X(eai_intf_id, 16)       /* EAI interface id */                                             \
-  X(dsbl_sys_cd, 3)        /* failing system */                                               \
-  X(otsd_inst_cd, 4)       /* outside institution */                                          \
-  X(otsd_biz_cd, 3)        /* outside business */                                             \
-  X(fst_trms_mdcl_ctt, 39) /* first-transmission medium */                                    \
-  X(spare1, 1)             /* free */                                                         \
+#define TRAN_FIELD_LIST(X)                                                                  \
+  X(hdr_cd, 2)             /* caller's two-character code */                                \
+  X(hdr_flag, 1)           /* caller's one-character code */                                \
+  X(gid, 32)               /* global transaction id (GID); its first 30 characters count */ \
+  X(svc_id, 16)            /* service id */                                                 \
+  X(pid_str, 8)            /* process id text; the process id when null */                  \
+  X(date_str, 8)           /* YYYYMMDD; the local date when null */                         \
+  X(time_str, 12)          /* HHMMSSuuuuuu; the local time when null. An end that gives it  \
+                              reports no response time */                                   \
+  X(ext_flag, 1)           /* one-character flag */                                         \
+  X(trsc_grco_br, 6)       /* group-company code (2) and branch number (4) */               \
+  X(chnl_typ_cd, 3)        /* channel type; "ICT" and "ICC" are linked channels */          \
+  X(recv_svc_cd, 12)       /* receive service code */                                       \
+  X(scrn_id, 9)            /* screen id */                                                  \
+  X(emp_no, 7)             /* employee number */                                            \
+  X(proc_rslt_dv_cd, 1)    /* processing-result code */                                     \
+  X(std_tmsg_err_cd, 9)    /* telegram error code */                                        \
+  X(std_tmsg_len, 8)       /* telegram length, as text */                                   \
+  X(ipv6_adr, 39)          /* IPv6 address, as text */                                      \
+  X(fst_trms_sys_cd, 3)    /* first transmitting system */                                  \
+  X(trms_sys_cd, 3)        /* transmitting system */                                        \
+  X(rqst_rsps_dv_cd, 1)    /* request or response */                                        \
+  X(trsc_sync_dv_cd, 1)    /* synchronous or asynchronous */                                \
+  X(rslt_recv_svc_cd, 12)  /* service code that receives the result */                      \
+  X(eai_intf_id, 16)       /* EAI interface id */                                           \
+  X(dsbl_sys_cd, 3)        /* failing system */                                             \
+  X(otsd_inst_cd, 4)       /* outside institution */                                        \
+  X(otsd_biz_cd, 3)        /* outside business */                                           \
+  X(fst_trms_mdcl_ctt, 39) /* first-transmission medium */                                  \
+  X(spare1, 1)             /* free */                                                       \
   X(spare2, 1)             /* free */
 
-#define TRAN_PAIR_PARAMETER(name, width) , const char *name, int name##_len
+#define TRAN_PAIR_PARAMETER(name, width) , const char* name, int name##_len
 #define TRAN_FIELD_PARAMETERS TRAN_FIELD_LIST(TRAN_PAIR_PARAMETER)
 
 /* Opens a service on the thread, up to ten deep, and sends record '1'. Inside an open service, the
@@ -135,34 +135,34 @@ VARN_API int TRAN_END(int tid TRAN_FIELD_PARAMETERS);
 VARN_API int TRAN_ERROR(int tid TRAN_FIELD_PARAMETERS);
 
 /* The pairs that the four calls below begin with; as in TRAN_FIELD_LIST. */
-#define TRAN_HEAD_PARAMETERS                                                                  \
-  int tid, const char *hdr_cd, int hdr_cd_len, const char *hdr_flag, int hdr_flag_len,        \
-      const char *gid, int gid_len, const char *svc_id, int svc_id_len, const char *pid_str,  \
-      int pid_str_len, const char *date_str, int date_str_len, const char *time_str,          \
+#define TRAN_HEAD_PARAMETERS                                                                 \
+  int tid, const char* hdr_cd, int hdr_cd_len, const char* hdr_flag, int hdr_flag_len,       \
+      const char* gid, int gid_len, const char* svc_id, int svc_id_len, const char* pid_str, \
+      int pid_str_len, const char* date_str, int date_str_len, const char* time_str,         \
       int time_str_len
 
 /* Sends an information record ('I') with a message of up to 350 bytes. Without a GID or a service
  * id it takes those of the innermost open service; with neither a service id nor an open service it
  * returns 123. */
-VARN_API int TRAN_INFO(TRAN_HEAD_PARAMETERS, const char *message, int message_len);
+VARN_API int TRAN_INFO(TRAN_HEAD_PARAMETERS, const char* message, int message_len);
 
 /* Sends an extended information record ('X'): a code of up to 4 bytes and a message of up to 350.
  * Needs no open service; without a GID it takes that of the innermost one, if any. */
-VARN_API int TRAN_INFO_EX(TRAN_HEAD_PARAMETERS, const char *code, int code_len,
-                          const char *message, int message_len);
+VARN_API int TRAN_INFO_EX(TRAN_HEAD_PARAMETERS, const char* code, int code_len, const char* message,
+                          int message_len);
 
 /* Sends an event record ('V'): a code of up to 4 bytes, a receive service code (12), a channel
  * class (4) and a message of up to 512 bytes. Needs no open service. */
-VARN_API int TRAN_EVENT(TRAN_HEAD_PARAMETERS, const char *event_cd, int event_cd_len,
-                        const char *recv_svc_cd, int recv_svc_cd_len, const char *chnl_class,
-                        int chnl_class_len, const char *message, int message_len);
+VARN_API int TRAN_EVENT(TRAN_HEAD_PARAMETERS, const char* event_cd, int event_cd_len,
+                        const char* recv_svc_cd, int recv_svc_cd_len, const char* chnl_class,
+                        int chnl_class_len, const char* message, int message_len);
 
 /* Sends an error-information record ('E') for the innermost open service, whose GID and service id
  * it carries: an error code of up to 4 bytes, a receive service code (12), a channel class (4) and
  * a message of up to 350 bytes. Returns 123 or 112 when no service is open. */
-VARN_API int TRAN_ERRINFO(TRAN_HEAD_PARAMETERS, const char *error_cd, int error_cd_len,
-                          const char *recv_svc_cd, int recv_svc_cd_len, const char *chnl_class,
-                          int chnl_class_len, const char *message, int message_len);
+VARN_API int TRAN_ERRINFO(TRAN_HEAD_PARAMETERS, const char* error_cd, int error_cd_len,
+                          const char* recv_svc_cd, int recv_svc_cd_len, const char* chnl_class,
+                          int chnl_class_len, const char* message, int message_len);
 
 /* Called when the transaction monitor signals a service time-out: reports what the thread was doing
  * as an information record and switches tracing off for the process (126) until the next start.
@@ -179,12 +179,12 @@ VARN_API int check_gvar(int rec_type);
 
 /* The byte of record kinds for a string of letters: S E V B C I X Q. Others are ignored; null
  * gives 0. */
-VARN_API unsigned char get_log_flag_set(const char *letters);
+VARN_API unsigned char get_log_flag_set(const char* letters);
 
-/* Sets, in the collector's segment, the class (0, 1 or 2) of the return codes of one magnitude, from
- * a text of the form "-5,1"; a magnitude of 128 sets them all. Returns 0; -1 for a malformed value
- * or when the agent is not started. */
-VARN_API int set_fst_err_rc_set(const char *text);
+/* Sets, in the collector's segment, the class (0, 1 or 2) of the return codes of one magnitude,
+ * from a text of the form "-5,1"; a magnitude of 128 sets them all. Returns 0; -1 for a malformed
+ * value or when the agent is not started. */
+VARN_API int set_fst_err_rc_set(const char* text);
 
 /* The outcome of a finished call: the status word given at its start and its return code. */
 typedef struct tran_call_rc {
@@ -194,13 +194,13 @@ typedef struct tran_call_rc {
 
 /* The error class of a finished call: 0 none, 1 or 2 as configured for the magnitude of a negative
  * return code. A status of -1 sets the return code to 99 and gives 0, as does a null pointer. */
-VARN_API int is_err_rc(tran_call_rc *call);
+VARN_API int is_err_rc(tran_call_rc* call);
 
-/* Writes one field of a record: `width` bytes of `dst`, from `src` cut or padded with blanks, and one
- * blank behind them, so `dst` holds width + 1 bytes. A null `src` gives a blank field; a negative
- * `len` means zero-ended; with `copy` zero the text's place is left as it is and only the padding is
- * written. A null `dst` or negative width does nothing. */
-VARN_API void set_log_field(const char *src, int len, char *dst, int width, int copy);
+/* Writes one field of a record: `width` bytes of `dst`, from `src` cut or padded with blanks, and
+ * one blank behind them, so `dst` holds width + 1 bytes. A null `src` gives a blank field; a
+ * negative `len` means zero-ended; with `copy` zero the text's place is left as it is and only the
+ * padding is written. A null `dst` or negative width does nothing. */
+VARN_API void set_log_field(const char* src, int len, char* dst, int width, int copy);
 
 /* 1 when the configuration file's modification time has changed since the last look (at most one
  * look a minute), else 0. Settings are read at start-up only. */

@@ -12,6 +12,8 @@
 #define VARN_FIELD_VIEWS TRAN_FIELD_LIST(VARN_PAIR_VIEW)
 
 // The seven pairs that every record call begins with.
-#define VARN_HEAD_VIEWS                                                                       \
-  {hdr_cd, hdr_cd_len}, {hdr_flag, hdr_flag_len}, {gid, gid_len}, {svc_id, svc_id_len},       \
-      {pid_str, pid_str_len}, {date_str, date_str_len}, {time_str, time_str_len}
+#define VARN_HEAD_VIEWS                                                                 \
+  {hdr_cd, hdr_cd_len}, {hdr_flag, hdr_flag_len}, {gid, gid_len}, {svc_id, svc_id_len}, \
+      {pid_str, pid_str_len}, {date_str, date_str_len}, {                               \
+    time_str, time_str_len                                                              \
+  }

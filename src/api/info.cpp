@@ -25,10 +25,9 @@ void describe_call(const CallEntry& call, int call_top, StampCache& cache, char*
                    std::size_t size) {
   const TimeVal start = {load(call.start_tv.sec), load(call.start_tv.usec)};
   const Stamp stamp = local_stamp(cache, start.sec, start.usec);
-  std::snprintf(out, size,
-                "[#%d-%c%d] %.*s at %.*s (%.*s::%05d)[%.2s:%.2s:%.2s.%.6s]", call_top, load(call.type),
-                load(call.seq), static_cast<int>(sizeof call.func_nm), call.func_nm,
-                static_cast<int>(sizeof call.call_at), call.call_at,
+  std::snprintf(out, size, "[#%d-%c%d] %.*s at %.*s (%.*s::%05d)[%.2s:%.2s:%.2s.%.6s]", call_top,
+                load(call.type), load(call.seq), static_cast<int>(sizeof call.func_nm),
+                call.func_nm, static_cast<int>(sizeof call.call_at), call.call_at,
                 static_cast<int>(sizeof call.call_src), call.call_src, load(call.line), stamp.time,
                 stamp.time + 2, stamp.time + 4, stamp.time + 6);
 }

@@ -20,9 +20,7 @@ std::string_view shown(Text text, std::size_t width, std::size_t most) {
   if (!text.given()) return "null";
   return printable(text, text.len < 0 ? most : width);
 }
-std::string_view shown_gid(Pairs pairs) {
-  return shown(pairs[kPairGid], kGid.width, kComparedGid);
-}
+std::string_view shown_gid(Pairs pairs) { return shown(pairs[kPairGid], kGid.width, kComparedGid); }
 std::string_view shown_svc_id(Pairs pairs) {
   return shown(pairs[kPairSvcId], kSvcId.width, kPrintedSvcId);
 }
@@ -111,7 +109,8 @@ Stamp stamp_of(MTR_CXT_VAR& var, const TimeVal& current, const TimeVal& moment) 
       VARN_SV(svc_id));
 }
 
-// ---- start ---------------------------------------------------------------------------------------
+// ---- start
+// ---------------------------------------------------------------------------------------
 
 [[gnu::cold]] int refuse_negative_depth(const MTR_CXT_VAR& var, Pairs pairs) {
   const std::string_view gid = shown_gid(pairs);
@@ -184,8 +183,9 @@ void report_linked_transaction(MTR_CXT_VAR& var, Pairs pairs, const SvcLevel& to
 // What an open service means for the one that is about to start.
 void settle_open_levels(MTR_CXT_VAR& var, Pairs pairs, std::int64_t second) {
   const SvcLevel top = var.svc_stack[var.svc_depth - 1];
-  const auto elapsed = static_cast<std::int32_t>(
-      static_cast<std::uint64_t>(second) - static_cast<std::uint64_t>(load(var.ptrc->svc_mark_time)));
+  const auto elapsed =
+      static_cast<std::int32_t>(static_cast<std::uint64_t>(second) -
+                                static_cast<std::uint64_t>(load(var.ptrc->svc_mark_time)));
   const bool same_gid = !pairs[kPairGid].given() || has_gid(top, pairs[kPairGid]);
   if (gvar.default_timeout_sec <= elapsed)
     drop_stale_levels(var, pairs, top, same_gid, elapsed);
@@ -211,8 +211,7 @@ void stamp_entry(MTR_CXT_VAR& var, const TimeVal& current) {
   std::memcpy(entry.main_gid, view + kGid.at, sizeof entry.main_gid);
   std::memcpy(entry.main_svc_id, view + kSvcId.at, sizeof entry.main_svc_id);
   std::memcpy(entry.main_recv_svc_cd, view + kRecvSvcCd.at, sizeof entry.main_recv_svc_cd);
-  store(entry.chnl_class,
-        is_linked_channel({view + kChnlTypCd.at, kChnlTypCd.width}) ? 'C' : 'O');
+  store(entry.chnl_class, is_linked_channel({view + kChnlTypCd.at, kChnlTypCd.width}) ? 'C' : 'O');
   store(entry.fetch_cnt, 0);
   store(entry.fetch_rows, 0);
   store(entry.fetch_time, 0);
@@ -257,7 +256,8 @@ int start_service(MTR_CXT_VAR& var, int tid, Pairs pairs) {
   return tran_logb(var, var.rec);
 }
 
-// ---- end -----------------------------------------------------------------------------------------
+// ---- end
+// -----------------------------------------------------------------------------------------
 
 [[gnu::cold]] int refuse_end_without_service(const MTR_CXT_VAR& var, Pairs pairs) {
   const std::string_view gid = shown_gid(pairs);
@@ -298,8 +298,8 @@ void report_call_statistics(MTR_CXT_VAR& var) {
       << static_cast<std::int32_t>(stat.dbio_cnt) << "건 (Avg/Max ";
   message.fixed2(average_ms(stat.dbio_elapsed_sum, stat.dbio_cnt))
       << '/' << stat.dbio_max_ms << " ms) fetch " << load(entry.fetch_rows) << " rows ("
-      << fetch_time / 1000 << '.' << fetch_time % 1000 << " ms), (DBConn "
-      << whole(entry.db_user) << '/' << whole(entry.db_sid) << ") ]";
+      << fetch_time / 1000 << '.' << fetch_time % 1000 << " ms), (DBConn " << whole(entry.db_user)
+      << '/' << whole(entry.db_sid) << ") ]";
   emit_info(var, {}, {}, message.text());
 }
 
@@ -337,8 +337,8 @@ EndTimes end_times(MTR_CXT_VAR& var, Pairs pairs, const TimeVal& current) {
   PTRC_HASH_ENT& entry = *var.ptrc;
   take_preset_time(entry, &times.moment);
   store_time(entry.svc_end_time, times.moment);
-  times.elapsed = elapsed_us({load(entry.svc_start_time.sec), load(entry.svc_start_time.usec)},
-                             times.moment);
+  times.elapsed =
+      elapsed_us({load(entry.svc_start_time.sec), load(entry.svc_start_time.usec)}, times.moment);
   times.dbio_elapsed = load(entry.dbio_elapsed_total);
   return times;
 }
@@ -349,8 +349,9 @@ int report_snapshot(MTR_CXT_VAR& var, Pairs pairs) {
   std::memcpy(tx_cd, entry.snapshot_tx_cd, sizeof tx_cd);
   Message<kEventBody.back().width> message;
   message << "거래코드(" << whole(tx_cd) << ")에 대한 SNAPSHOT 모니터링을 완료하였습니다. [서비스("
-          << std::string_view(var.rec.view + kSvcId.at, kSvcId.width) << ") 응답시간: "
-          << std::string_view(var.rec.view + kElapsed.at, kElapsed.width) << " (us)]";
+          << std::string_view(var.rec.view + kSvcId.at, kSvcId.width)
+          << ") 응답시간: " << std::string_view(var.rec.view + kElapsed.at, kElapsed.width)
+          << " (us)]";
   Event event;
   event.hdr_cd = pairs[kPairHdrCd];
   event.hdr_flag = pairs[kPairHdrFlag];
@@ -402,7 +403,8 @@ int end_service(MTR_CXT_VAR& var, int tid, Pairs pairs) {
   return rc;
 }
 
-// ---- error ---------------------------------------------------------------------------------------
+// ---- error
+// ---------------------------------------------------------------------------------------
 
 int report_error(MTR_CXT_VAR& var, int, Pairs pairs) {
   const SvcLevel* const level = current_level(var);

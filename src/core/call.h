@@ -10,9 +10,9 @@
 
 namespace varn {
 
-// Announces the calling thread as inside a call of a started agent (kInCall), or of one that is being
-// started or stopped (kInStartStop), so that neither a stop nor another thread's claim takes away
-// what it works on. A call made inside a call, from a signal handler say, is refused before it
+// Announces the calling thread as inside a call of a started agent (kInCall), or of one that is
+// being started or stopped (kInStartStop), so that neither a stop nor another thread's claim takes
+// away what it works on. A call made inside a call, from a signal handler say, is refused before it
 // touches anything. Leaves errno as it was.
 class [[nodiscard]] Announced {
  public:

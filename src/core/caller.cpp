@@ -13,7 +13,8 @@ namespace {
 constinit Caller callers[kMaxCallers] = {};
 std::atomic<std::uint32_t> next_caller;  // where the search for a free record begins
 
-// Whether its thread is inside a call. A thread that was cancelled there never left it, but is gone.
+// Whether its thread is inside a call. A thread that was cancelled there never left it, but is
+// gone.
 bool is_inside(const Caller& caller) {
   return caller.state.load(std::memory_order_acquire) == kInCall &&
          thread_exists(caller.kernel_tid.load(std::memory_order_relaxed));

@@ -57,9 +57,8 @@ MtrTidIdx& bucket_of(std::uint64_t tid) {
 
 TidSlot* find_slot(MtrTidIdx& bucket, std::uint64_t tid) {
   const TidSlot key = {tid, nullptr};
-  return static_cast<TidSlot*>(std::bsearch(&key, bucket.tid_arr,
-                                            static_cast<std::size_t>(bucket.cnt), sizeof key,
-                                            comp_chk_tid));
+  return static_cast<TidSlot*>(std::bsearch(
+      &key, bucket.tid_arr, static_cast<std::size_t>(bucket.cnt), sizeof key, comp_chk_tid));
 }
 
 bool release_requested(const MTR_CXT_VAR& var) {
@@ -184,8 +183,7 @@ int claim_context(Caller& caller, MtrTidIdx& bucket, std::uint64_t tid, MTR_CXT_
 // A POSIX thread id may come back with a new thread after its first one has ended; that is another
 // thread. An id that the caller gave is itself the identity.
 bool is_same_thread(const MTR_CXT_VAR& var, const Caller& caller, int tid) {
-  return tid >= 0 ||
-         load(var.kernel_tid) == caller.kernel_tid.load(std::memory_order_relaxed);
+  return tid >= 0 || load(var.kernel_tid) == caller.kernel_tid.load(std::memory_order_relaxed);
 }
 
 [[gnu::cold, gnu::noinline]] int search_context(Caller& caller, int tid, MTR_CXT_VAR** out) {
@@ -212,17 +210,20 @@ void release_context(MtrTidIdx& bucket, int place) {
   MTR_CXT_VAR& var = *slot.var;
   PTRC_HASH_ENT* const ptrc = var.ptrc;
   if (ptrc == nullptr) {
-    log_printf("(I) mtr_tid_idx[%04d - %d of %d] pid(%d/?" "?)-tid(%lu/?" "?) closing error. get_ptrc is "
-               "[ null ]",
-               bucket.idx, place + 1, bucket.cnt, var.pid, var.tid);
+    log_printf(
+        "(I) mtr_tid_idx[%04d - %d of %d] pid(%d/?"
+        "?)-tid(%lu/?"
+        "?) closing error. get_ptrc is "
+        "[ null ]",
+        bucket.idx, place + 1, bucket.cnt, var.pid, var.tid);
   } else {
     const std::int32_t ent_pid = load(ptrc->ent_pid);
     const std::uint64_t ent_tid = load(ptrc->ent_tid);
-    log_printf("(I) mtr_tid_idx[%04d - %d of %d] pid(%d/%d)-tid(%lu/%lu) closed. get_ptrc[%d] is [ "
-               "%s - %s ]",
-               bucket.idx, place + 1, bucket.cnt, var.pid, ent_pid, var.tid, ent_tid,
-               load(ptrc->pidx), ent_pid == var.pid ? "true" : "false",
-               ent_tid == var.tid ? "true" : "false");
+    log_printf(
+        "(I) mtr_tid_idx[%04d - %d of %d] pid(%d/%d)-tid(%lu/%lu) closed. get_ptrc[%d] is [ "
+        "%s - %s ]",
+        bucket.idx, place + 1, bucket.cnt, var.pid, ent_pid, var.tid, ent_tid, load(ptrc->pidx),
+        ent_pid == var.pid ? "true" : "false", ent_tid == var.tid ? "true" : "false");
     const TableLock lock;
     if (lock.entered()) {
       if (ent_tid != 0 && ent_pid == var.pid && ent_tid == var.tid) {

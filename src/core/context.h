@@ -10,7 +10,8 @@
 
 namespace varn {
 
-// The thread id that a thread number stands for: itself, or for a negative one the calling thread's.
+// The thread id that a thread number stands for: itself, or for a negative one the calling
+// thread's.
 std::uint64_t get_tid(const Caller& caller, int tid);
 
 // Finds or claims the context: 0, or 103, 107 or 116.
@@ -37,7 +38,8 @@ void show_mtr_idx_list(const MtrTidIdx& bucket);
 void set_cont_nm(const char* block, std::size_t len, char* out, const char* name);
 
 // Start and stop. Initialising does nothing where it was done already, and fails when a bucket's
-// mutex cannot be had. Forgetting is for a forked child, whose parent's threads may hold the mutexes.
+// mutex cannot be had. Forgetting is for a forked child, whose parent's threads may hold the
+// mutexes.
 bool init_contexts();
 void release_contexts();
 void forget_contexts();

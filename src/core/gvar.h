@@ -7,13 +7,12 @@
 
 namespace varn {
 
-inline constexpr char kVersionText[] =
-    "libvarn v13.5(2018.05.18) for Vexholm Quorlen UI Project";
+inline constexpr char kVersionText[] = "libvarn v13.5(2018.05.18) for Vexholm Quorlen UI Project";
 
 extern Gvar gvar;
 
-// 0 until gvar has been zeroed, 1 after the start that zeroed it, 2 after a later one; 0 again after
-// a release.
+// 0 until gvar has been zeroed, 1 after the start that zeroed it, 2 after a later one; 0 again
+// after a release.
 extern std::int32_t gvar_cleared;
 
 extern std::int32_t jni_init_flag;  // 1: started from Java

@@ -82,8 +82,9 @@ int emit_info(MTR_CXT_VAR& var, Text gid, Text svc_id, Text message) {
 
 int emit_event(MTR_CXT_VAR& var, const Event& event) {
   if (const int rc = admit(kKind<'V'>.log_flag); rc != 0) return rc;
-  const Text pairs[] = {event.hdr_cd,   event.hdr_flag,    event.gid,        event.svc_id, {}, {}, {},
-                        event.event_cd, event.recv_svc_cd, event.chnl_class, event.message};
+  const Text pairs[] = {
+      event.hdr_cd, event.hdr_flag, event.gid,         event.svc_id,     {},           {},
+      {},           event.event_cd, event.recv_svc_cd, event.chnl_class, event.message};
   static_assert(std::size(pairs) == kHeadPairs + kEventBody.size());
   return trace_event(var, pairs);
 }

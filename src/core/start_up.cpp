@@ -65,8 +65,8 @@ bool parse_ipc_key(const ConfigKey& key, const char* value, key_t* out) {
 
 enum class Attach { kDone, kNoSegment, kNotAttached };
 
-// A segment that an earlier start left attached is used as it is, if it is still the key's. If it is
-// not, its mapping stays: contexts of that start may point into it.
+// A segment that an earlier start left attached is used as it is, if it is still the key's. If it
+// is not, its mapping stays: contexts of that start may point into it.
 template <typename Segment>
 Attach attach_segment(key_t key, std::int32_t* shmid, Segment** segment) {
   const int id = shmget(key, sizeof(Segment), 0666);
@@ -207,8 +207,8 @@ int take_gid_range_size(const ConfigKey& key, const char* value) {
 int open_queues(const ConfigKey& key, const char* value) {
   if (!parse_ipc_key(key, value, &gvar.msgq_key)) return kFailed;
   for (int i = 0; i < gvar.msgq_cnt; ++i) {
-    gvar.msgq_id[i] = create_msgq(static_cast<key_t>(static_cast<unsigned>(gvar.msgq_key) +
-                                                     static_cast<unsigned>(i)));
+    gvar.msgq_id[i] = create_msgq(
+        static_cast<key_t>(static_cast<unsigned>(gvar.msgq_key) + static_cast<unsigned>(i)));
     if (gvar.msgq_id[i] < 0) {
       log_printf("<!> create fail msgq#%02d", i);
       return kFailed;
@@ -256,8 +256,7 @@ int read_configuration(const char* path) {
   for (const ConfigRow& row : kConfigRows) {
     char value[kMaxConfigToken + 1];
     if (get_nth_token_in_file_section(path, row.key.section, row.key.key, row.token, value) < 0) {
-      if (row.is_reported)
-        log_printf("<!> tran_init fail, not found section [%s]", row.key.key);
+      if (row.is_reported) log_printf("<!> tran_init fail, not found section [%s]", row.key.key);
       return kFailed;
     }
     if (const int rc = row.take(row.key, value); rc != 0) return rc;

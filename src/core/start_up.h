@@ -6,8 +6,8 @@
 namespace varn {
 
 // Reads the environment and the configuration file, opens the log and attaches what the collector
-// has made: 0, or 103, 104 or 106. What was attached before a failure stays attached; the next start
-// takes it up.
+// has made: 0, or 103, 104 or 106. What was attached before a failure stays attached; the next
+// start takes it up.
 int tran_init();
 
 // The process's name from its stat file into `proc_nm` (31 characters), the container's name given

@@ -87,7 +87,8 @@ const char* environment_or(const char* name, const char* other) {
 void log_start() {
   const TRAN_LOGF_QUE_INFO& info = *gvar.que_info;
   log_printf(
-      "(I) [SHARED_LIB] TRAN_INIT [%s] complete.. [ MTR_TID_IDX(%d) %d bytes ] [ magic_code 0x%08x, "
+      "(I) [SHARED_LIB] TRAN_INIT [%s] complete.. [ MTR_TID_IDX(%d) %d bytes ] [ magic_code "
+      "0x%08x, "
       " qcnt %d, log_flag_set 0x%02x, proc_nm : %s %s(%d), TRAN_LOGF_QUE_INFO %d bytes, "
       "TRAN_LOGF_QUE_DATA %d bytes, GLOBAL_VAR %d bytes, gvar_cleared %d, LANG %s ]",
       kVersionText, kBuckets, static_cast<int>(sizeof gvar.mtr_tid_idx + sizeof gvar.mtr_cxt_var),

@@ -185,8 +185,9 @@ bool is_foreign_entry(const MTR_CXT_VAR& var, char rec_type) {
   if (ent_pid == var.pid && ent_tid == var.tid) [[likely]]
     return false;
   if (rec_type == '1' || rec_type == '2')
-    VARN_LOG_LIMITED("<!> PTRC HASH (pid %d, tid %lu) is not equal to MTR_CXT_VAR (pid %d, tid %lu)",
-                     ent_pid, ent_tid, var.pid, var.tid);
+    VARN_LOG_LIMITED(
+        "<!> PTRC HASH (pid %d, tid %lu) is not equal to MTR_CXT_VAR (pid %d, tid %lu)", ent_pid,
+        ent_tid, var.pid, var.tid);
   return true;
 }
 

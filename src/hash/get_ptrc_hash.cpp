@@ -61,8 +61,7 @@ void fill_entry(PTRC_HASH_ENT& entry, const EntryKey& key, const EntryOwner& own
 
 EntryResult get_ptrc_hash(PTRC_HASH_TBL& table, const EntryOwner& owner, PTRC_HASH_ENT** out) {
   const EntryKey key = key_of(owner);
-  const std::uint32_t chain =
-      get_hidx(key.pid, sizeof key.pid + sizeof key.tid, kTableChains - 1);
+  const std::uint32_t chain = get_hidx(key.pid, sizeof key.pid + sizeof key.tid, kTableChains - 1);
 
   std::int32_t last = kNoEntry;
   std::int32_t at = load(table.heads[chain]);

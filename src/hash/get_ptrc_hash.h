@@ -30,8 +30,8 @@ enum class EntryResult {
 // table's semaphore held.
 EntryResult get_ptrc_hash(PTRC_HASH_TBL& table, const EntryOwner& owner, PTRC_HASH_ENT** out);
 
-// Fills a new segment, all zero as the kernel hands it out: its 600 MB of entries stay untouched, so
-// that they take no memory until they are used.
+// Fills a new segment, all zero as the kernel hands it out: its 600 MB of entries stay untouched,
+// so that they take no memory until they are used.
 void init_ptrc_hash_tbl(PTRC_HASH_TBL& table);
 
 }  // namespace varn

@@ -1,4 +1,5 @@
-// Which exported call composes a record; some record kinds are validated differently for some calls.
+// Which exported call composes a record; some record kinds are validated differently for some
+// calls.
 #pragma once
 
 namespace varn {

@@ -70,12 +70,14 @@ inline constexpr ConfigKey kDefaultTimeoutSec{"SERVICE_HASH", "DEFAULT_TIMEOUT_S
 // clang-format on
 
 inline constexpr std::array kConfigKeys{
-    kLogHome,          kTongLogHome,      kLogInterface,      kTrSection,
-    kIdleThreadRelease, kInfiniteLoopBaseCnt, kMaxQueCnt,     kWriteQueIdxGidRng,
-    kQueCnt,           kTranLogFlagSet,   kFstErrRcSet,       kSvcFiltering,
-    kCallTrcDepth,     kCallTrcLimit,     kDbioTrcLimit,      kSqlTrcLimit,
-    kQueInfoShmKey,    kSvcHashTblShmKey, kPtrcHashTblShmKey, kSvcHashTblSemKey,
-    kPtrcHashTblSemKey, kTranLogfMsgqKey, kDbioFunc,          kDefaultTimeoutSec,
+    kLogHome,           kTongLogHome,       kLogInterface,
+    kTrSection,         kIdleThreadRelease, kInfiniteLoopBaseCnt,
+    kMaxQueCnt,         kWriteQueIdxGidRng, kQueCnt,
+    kTranLogFlagSet,    kFstErrRcSet,       kSvcFiltering,
+    kCallTrcDepth,      kCallTrcLimit,      kDbioTrcLimit,
+    kSqlTrcLimit,       kQueInfoShmKey,     kSvcHashTblShmKey,
+    kPtrcHashTblShmKey, kSvcHashTblSemKey,  kPtrcHashTblSemKey,
+    kTranLogfMsgqKey,   kDbioFunc,          kDefaultTimeoutSec,
 };
 
 }  // namespace varn

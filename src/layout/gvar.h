@@ -16,7 +16,7 @@
 
 namespace varn {
 
-inline constexpr int kBuckets = 256;        // chosen by the low byte of the thread id
+inline constexpr int kBuckets = 256;  // chosen by the low byte of the thread id
 inline constexpr int kBucketContexts = 10;
 
 // init_mark
@@ -57,15 +57,15 @@ struct SvcCallStat {
 // A thread's monitoring context. Used by its own thread without a lock; claimed and released under
 // its bucket's lock.
 struct MTR_CXT_VAR {
-  std::uint64_t claim_no;     // tells one claim from the next; 0 while free; read by other threads
-  std::int32_t kernel_tid;    // thread that claimed it, or used it last; read by other threads
-  std::int32_t in_use;        // 1 while it belongs to a thread
-  std::int64_t lasted_access; // second of the last look-up; read by other threads
+  std::uint64_t claim_no;      // tells one claim from the next; 0 while free; read by other threads
+  std::int32_t kernel_tid;     // thread that claimed it, or used it last; read by other threads
+  std::int32_t in_use;         // 1 while it belongs to a thread
+  std::int64_t lasted_access;  // second of the last look-up; read by other threads
   std::int32_t pid;
   std::int32_t idx;  // number of the bucket
   std::uint64_t tid;
-  const SVC_HASH_ENT* svc;  // the outermost service's own settings, if it has any
-  PTRC_HASH_ENT* ptrc;      // the thread's shared entry
+  const SVC_HASH_ENT* svc;     // the outermost service's own settings, if it has any
+  PTRC_HASH_ENT* ptrc;         // the thread's shared entry
   std::int32_t cxt_init_flag;  // 0, or 116 when there was no entry to be had
   std::int32_t log_bit;        // kStartBit, kEndBit: state of the outermost service
   std::int8_t svc_depth;       // open services

@@ -1,6 +1,6 @@
-// The process-thread table: what every traced thread of the host is doing, for the collector to look
-// at while it happens. Entries are created under the table's semaphore; afterwards a thread writes
-// its own entry without it, so that readers must tolerate a half-updated one.
+// The process-thread table: what every traced thread of the host is doing, for the collector to
+// look at while it happens. Entries are created under the table's semaphore; afterwards a thread
+// writes its own entry without it, so that readers must tolerate a half-updated one.
 #pragma once
 
 #include <cstdint>
@@ -138,7 +138,7 @@ struct PTRC_HASH_ENT {
   std::int32_t cur_fetch_rows;
   std::int32_t cur_fetch_time_us;
   std::int32_t sql_line;
-  std::int32_t fetch_cnt;   // fetch reports of the service, as the two below
+  std::int32_t fetch_cnt;  // fetch reports of the service, as the two below
   std::int32_t fetch_rows;
   std::int32_t fetch_time;  // microseconds
   char db_user[11];

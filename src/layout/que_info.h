@@ -13,11 +13,11 @@ inline constexpr std::uint32_t kMagicReady = 0xAAAAAAAA;
 inline constexpr int kMaxQueues = 16;
 
 struct TRAN_LOGF_QUE_INFO {
-  std::int32_t que_cnt;            // trace queues in use, 1 to 16
-  std::uint32_t que_mask;          // que_cnt - 1; applied to the GID's hash
-  std::uint32_t magic_code;        // kMagicReady once the rest is filled
-  std::uint8_t log_flag_set;       // record kinds switched on, see kLogFlags
-  std::int8_t fst_err_rc_set[128]; // class 0, 1 or 2 of each return-code magnitude
+  std::int32_t que_cnt;             // trace queues in use, 1 to 16
+  std::uint32_t que_mask;           // que_cnt - 1; applied to the GID's hash
+  std::uint32_t magic_code;         // kMagicReady once the rest is filled
+  std::uint8_t log_flag_set;        // record kinds switched on, see kLogFlags
+  std::int8_t fst_err_rc_set[128];  // class 0, 1 or 2 of each return-code magnitude
   std::uint8_t padding1[3];
   std::uint32_t call_trc_depth;
   std::uint8_t padding2[4];

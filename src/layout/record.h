@@ -15,7 +15,8 @@
 namespace varn {
 
 // A System V message: its type, then 784 bytes of text, of which the first four hold the record's
-// length. The text from the record-type byte on is the "view"; all field positions count from there.
+// length. The text from the record-type byte on is the "view"; all field positions count from
+// there.
 struct TRAN_LOGF_QUE_DATA {
   std::int64_t mtype;    // eight blanks; the collector receives messages of any type
   std::uint32_t length;  // bytes of the view up to the end of the body, its last blank included
@@ -68,9 +69,9 @@ inline constexpr Field kDate       {"date",        126,  8};  // YYYYMMDD, local
 inline constexpr Field kTime       {"time",        135, 12};  // HHMMSS and microseconds, local
 // clang-format on
 
-inline constexpr std::array kHeaderFields{kRecType,  kHdrCd, kHdrFlag, kGid,       kProcNm,
-                                          kSvcId,    kHostName, kPid,  kTid,       kMtrTidIdx,
-                                          kPidx,     kDate,  kTime};
+inline constexpr std::array kHeaderFields{kRecType, kHdrCd,    kHdrFlag, kGid, kProcNm,
+                                          kSvcId,   kHostName, kPid,     kTid, kMtrTidIdx,
+                                          kPidx,    kDate,     kTime};
 static_assert(tiles(kHeaderFields, 0, kBodyAt), "header: gap, overlap or wrong total");
 
 // clang-format off
@@ -144,19 +145,18 @@ enum Pair : std::size_t {
   kPairTimeStr,
   kHeadPairs,
 };
-inline constexpr std::size_t kServiceNumbers = 3;  // body fields that no pair fills: elapsed to depth
+inline constexpr std::size_t kServiceNumbers =
+    3;  // body fields that no pair fills: elapsed to depth
 
 struct RecordKind {
   char rec_type;
-  std::string_view name;   // as the collector shows it
-  std::uint8_t log_flag;   // its bit in TRAN_LOGF_QUE_INFO::log_flag_set
-  char log_letter;         // its letter in TRAN_LOG_FLAG_SET
-  std::uint8_t svc_flag;   // its bit in SVC_HASH_ENT::trace_flags; 0: not filtered by service
+  std::string_view name;  // as the collector shows it
+  std::uint8_t log_flag;  // its bit in TRAN_LOGF_QUE_INFO::log_flag_set
+  char log_letter;        // its letter in TRAN_LOG_FLAG_SET
+  std::uint8_t svc_flag;  // its bit in SVC_HASH_ENT::trace_flags; 0: not filtered by service
   std::span<const Field> body;
 
-  constexpr std::uint32_t length() const {
-    return static_cast<std::uint32_t>(body.back().end());
-  }
+  constexpr std::uint32_t length() const { return static_cast<std::uint32_t>(body.back().end()); }
 };
 
 inline constexpr std::array kRecordKinds{

@@ -11,10 +11,10 @@
 namespace varn {
 
 struct SVC_HASH_ENT {
-  std::int32_t index;   // the entry's own number
-  std::uint32_t bucket; // the chain it hangs in
-  std::int32_t prev;    // kNoEntry for the first of the chain
-  std::int32_t next;    // kNoEntry for the last
+  std::int32_t index;    // the entry's own number
+  std::uint32_t bucket;  // the chain it hangs in
+  std::int32_t prev;     // kNoEntry for the first of the chain
+  std::int32_t next;     // kNoEntry for the last
   std::uint8_t collector1[32];
   char svc_id[16];  // blank-padded, never zero-ended
   std::uint8_t collector2[4];

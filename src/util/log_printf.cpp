@@ -18,8 +18,8 @@ constexpr std::size_t kMostPrefix = 64;
 
 struct LogState {
   std::atomic<int> fd{-1};
-  std::atomic<int> cur_day{-1};           // day of the year of the open file
-  std::atomic<bool> switching{false};      // one thread at a time switches the file
+  std::atomic<int> cur_day{-1};        // day of the year of the open file
+  std::atomic<bool> switching{false};  // one thread at a time switches the file
   char log_dir[256] = {};
   char log_title[256] = {};
 };

@@ -29,8 +29,8 @@ struct LogLimit {
   std::atomic<std::uint32_t> suppressed{0};  // since a line was last written
 };
 
-// Whether the caller may write its line now: ten times a second. The first line of a later second is
-// preceded by one that tells how many were left out.
+// Whether the caller may write its line now: ten times a second. The first line of a later second
+// is preceded by one that tells how many were left out.
 [[gnu::cold]] bool may_log(LogLimit& limit);
 
 // After a fork, in the child: the parent's file is the parent's.
@@ -39,8 +39,8 @@ void forget_log();
 }  // namespace varn
 
 // Logs a line that may repeat with every call.
-#define VARN_LOG_LIMITED(...)                              \
-  do {                                                     \
-    static ::varn::LogLimit varn_log_limit;                \
+#define VARN_LOG_LIMITED(...)                                             \
+  do {                                                                    \
+    static ::varn::LogLimit varn_log_limit;                               \
     if (::varn::may_log(varn_log_limit)) ::varn::log_printf(__VA_ARGS__); \
   } while (0)

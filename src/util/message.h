@@ -43,9 +43,8 @@ class Message {
     const double left = exact - static_cast<double>(hundredths);
     const double half = left < 0 ? -left : left;
     if (half > 0.5 || (half == 0.5 && hundredths % 2 != 0)) hundredths += left < 0 ? -1 : 1;
-    const std::uint64_t size =
-        hundredths < 0 ? 0 - static_cast<std::uint64_t>(hundredths)
-                       : static_cast<std::uint64_t>(hundredths);
+    const std::uint64_t size = hundredths < 0 ? 0 - static_cast<std::uint64_t>(hundredths)
+                                              : static_cast<std::uint64_t>(hundredths);
     Message<32> digits;
     if (number < 0) digits << '-';
     digits << static_cast<std::int64_t>(size / 100) << '.';

@@ -81,7 +81,8 @@ int split_tokens(std::string_view rest, const char* path, ConfigValue* out) {
     const std::string_view word = next_word(rest);
     if (word.empty()) break;
     if (word.size() > kMaxConfigToken) {
-      std::fprintf(stderr, "[get_nth_token_in_file_section] token over %d characters; file=%s, lnum=%d\n",
+      std::fprintf(stderr,
+                   "[get_nth_token_in_file_section] token over %d characters; file=%s, lnum=%d\n",
                    kMaxConfigToken, path, out->line);
       return -1;
     }
@@ -93,7 +94,8 @@ int split_tokens(std::string_view rest, const char* path, ConfigValue* out) {
 }
 
 int refuse_long_line(const char* path, int line) {
-  std::fprintf(stderr, "[get_nth_token_in_file_section] line over %d characters; file=%s, lnum=%d\n",
+  std::fprintf(stderr,
+               "[get_nth_token_in_file_section] line over %d characters; file=%s, lnum=%d\n",
                kMaxConfigLine, path, line);
   return -1;
 }

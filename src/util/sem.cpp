@@ -25,7 +25,9 @@ int init_sem_val(int semid, int member, int value) {
   return semctl(semid, member, SETVAL, value) < 0 ? -1 : 1;
 }
 
-int sem_lock(int semid, int member, int flags) { return sem_step(semid, member, -1, flags, nullptr); }
+int sem_lock(int semid, int member, int flags) {
+  return sem_step(semid, member, -1, flags, nullptr);
+}
 
 int sem_unlock(int semid, int member, int flags) {
   return sem_step(semid, member, 1, flags, nullptr);

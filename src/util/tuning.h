@@ -12,7 +12,8 @@
 
 namespace varn {
 
-// The bits of TRAN_LOG_FLAG_SET's letters. Letters that name no record kind are ignored; null gives 0.
+// The bits of TRAN_LOG_FLAG_SET's letters. Letters that name no record kind are ignored; null gives
+// 0.
 inline std::uint8_t log_flags_of(const char* letters) {
   std::uint8_t flags = 0;
   if (letters == nullptr) return flags;
@@ -22,9 +23,9 @@ inline std::uint8_t log_flags_of(const char* letters) {
   return flags;
 }
 
-// Applies one value CODE,CLASS of FST_ERR_RC_SET: the class of the return codes of CODE's magnitude,
-// 128 standing for all. 0; or -1 with nothing changed when the text is anything else. `classes` may
-// lie in a segment that others read meanwhile.
+// Applies one value CODE,CLASS of FST_ERR_RC_SET: the class of the return codes of CODE's
+// magnitude, 128 standing for all. 0; or -1 with nothing changed when the text is anything else.
+// `classes` may lie in a segment that others read meanwhile.
 inline int set_err_rc_class(std::int8_t (&classes)[128], const char* text) {
   if (text == nullptr) return -1;
   const char* const comma = std::strchr(text, ',');
