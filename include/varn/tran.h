@@ -112,8 +112,10 @@ VARN_API int TRAN_DONE(void);
   X(spare1, 1)             /* free */                                                       \
   X(spare2, 1)             /* free */
 
+/* clang-format off */
 #define TRAN_PAIR_PARAMETER(name, width) , const char* name, int name##_len
 #define TRAN_FIELD_PARAMETERS TRAN_FIELD_LIST(TRAN_PAIR_PARAMETER)
+/* clang-format on */
 
 /* Opens a service on the thread, up to ten deep, and sends record '1'. Inside an open service, the
  * same GID nests one level deeper; another GID does so too and is reported as a linked transaction,
@@ -135,11 +137,13 @@ VARN_API int TRAN_END(int tid TRAN_FIELD_PARAMETERS);
 VARN_API int TRAN_ERROR(int tid TRAN_FIELD_PARAMETERS);
 
 /* The pairs that the four calls below begin with; as in TRAN_FIELD_LIST. */
+/* clang-format off */
 #define TRAN_HEAD_PARAMETERS                                                                 \
   int tid, const char* hdr_cd, int hdr_cd_len, const char* hdr_flag, int hdr_flag_len,       \
       const char* gid, int gid_len, const char* svc_id, int svc_id_len, const char* pid_str, \
       int pid_str_len, const char* date_str, int date_str_len, const char* time_str,         \
       int time_str_len
+/* clang-format on */
 
 /* Sends an information record ('I') with a message of up to 350 bytes. Without a GID or a service
  * id it takes those of the innermost open service; with neither a service id nor an open service it
