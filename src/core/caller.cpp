@@ -72,6 +72,7 @@ bool wait_for_callers(const Caller* self, int milliseconds) {
 
 void forget_callers() {
   for (Caller& caller : callers) {
+    if (caller.kernel_tid.load(std::memory_order_relaxed) == 0) continue;  // its page stays shared
     caller.kernel_tid.store(0, std::memory_order_relaxed);
     caller.state.store(kOutside, std::memory_order_relaxed);
     caller.var.store(nullptr, std::memory_order_relaxed);
