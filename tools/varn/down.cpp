@@ -1,0 +1,29 @@
+// varn down: removes the shared objects.
+#include <iostream>
+
+#include "collector/objects.h"
+#include "tools/varn/verbs.h"
+
+namespace varn {
+namespace {
+
+void down(const std::string& path) {
+  CollectorSettings settings;
+  std::string error;
+  if (!read_settings(path, settings, error)) throw Failure(error);
+  int removed = 0;
+  const bool done = remove_objects(settings, removed, error);
+  std::cout << removed << " shared objects removed\n" << std::flush;
+  if (!done) throw Failure(error);
+}
+
+}  // namespace
+
+void add_down(CLI::App& app, int&) {
+  const auto path = std::make_shared<std::string>();
+  CLI::App* const verb = app.add_subcommand("down", "Removes the shared objects");
+  add_config_option(*verb, *path);
+  verb->callback([path] { down(*path); });
+}
+
+}  // namespace varn
