@@ -1,5 +1,7 @@
 #include "db.h"
 
+#include <unistd.h>
+
 #include <functional>
 #include <initializer_list>
 #include <memory>
@@ -8,7 +10,8 @@
 namespace bank {
 namespace {
 
-constexpr int kBusyTimeoutMs = 5000;
+constexpr int kRetryUs = 200;
+constexpr int kMostRetries = 25'000;  // five seconds
 
 using Value = std::variant<std::int64_t, std::string_view>;
 using OnRow = std::function<void(sqlite3_stmt*)>;
@@ -52,6 +55,13 @@ std::int64_t number_of(const Database& db, const char* sql,
   return number;
 }
 
+// SQLite's own handler pauses for up to 100 ms, in which the other workers take the lock many
+// times.
+int wait_for_lock(void*, int retries) {
+  usleep(kRetryUs);
+  return retries < kMostRetries;
+}
+
 std::string text_at(sqlite3_stmt* row, int column) {
   const auto* const text = reinterpret_cast<const char*>(sqlite3_column_text(row, column));
   return text == nullptr ? std::string() : std::string(text);
@@ -66,7 +76,7 @@ Database::Database(const std::string& path) {
     sqlite3_close(handle_);
     throw error;
   }
-  sqlite3_busy_timeout(handle_, kBusyTimeoutMs);
+  sqlite3_busy_handler(handle_, wait_for_lock, nullptr);
 }
 
 Database::~Database() { sqlite3_close(handle_); }

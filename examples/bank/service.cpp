@@ -155,7 +155,7 @@ Outcome transfer(Database& db, const Request& request) {
   trace::Service service(texts_of(request, kTransfer));
   trace::info("이체 접수 [" + request.from + " -> " + request.to + ", " + won(request.amount) +
               "]");
-  const Outcome outcome = attempt(db, request);
+  Outcome outcome = attempt(db, request);
   service.set_outcome(outcome);
   if (!outcome.done())
     service.error();

@@ -48,9 +48,10 @@ enum tran_rc {
   TRAN_RC_ALREADY_STARTED = 104,
   TRAN_RC_NOT_SENT = 105,       /* the record could not be put on its queue; counted */
   TRAN_RC_NO_ENVIRONMENT = 106, /* TRAN_HOME, TRAN_AGT_HOME or TRAN_AGT_CFG_FILE is not set */
-  /* No free context: each of 256 buckets holds ten threads, and on Linux the ids of POSIX threads
-   * all fall into one bucket, so the eleventh thread that passes a negative number is refused.
-   * Set VARN_THREAD_ID=kernel in the environment to number threads by their kernel id instead. */
+  /* No free context: each of 256 buckets holds ten threads, and on Linux the POSIX ids of the
+   * threads that a process creates fall into one bucket, so that the eleventh of them that passes a
+   * negative number is refused. Set VARN_THREAD_ID=kernel in the environment to number threads by
+   * their kernel id instead. */
   TRAN_RC_NO_CONTEXT = 107,
   TRAN_RC_NO_SERVICE = 112,    /* the record needs an open service */
   TRAN_RC_TOO_MANY_SQL = 113,  /* too many SQL statements in the current database call */

@@ -108,6 +108,15 @@ void prepare_buffer(TRAN_LOGF_QUE_DATA& record, const MTR_CXT_VAR& var) {
   put_digits(record.view + kPidx.at, kPidx.width, var.ptrc - gvar.ptrc_hash_tbl->entries);
 }
 
+// A level whose start was refused is shown blank, not with what another thread left there.
+void clear_levels(MTR_CXT_VAR& var) {
+  for (SvcLevel& level : var.svc_stack) {
+    level = {};
+    put_padded(level.gid, sizeof level.gid, {});
+    put_padded(level.svc_id, sizeof level.svc_id, {});
+  }
+}
+
 void prepare_buffers(MTR_CXT_VAR& var) {
   put_digits(var.pid_txt, sizeof var.pid_txt, var.pid);
   prepare_buffer(var.rec, var);
@@ -171,6 +180,7 @@ int claim_context(Caller& caller, MtrTidIdx& bucket, std::uint64_t tid, MTR_CXT_
   std::memset(&var->svc_call_stat, 0, sizeof var->svc_call_stat);
   std::memset(var->hashed_gid, 0, sizeof var->hashed_gid);
   var->gid_hash = 0;  // as zero bytes hash
+  clear_levels(*var);
   prepare_buffers(*var);
   store_release(var->claim_no, new_claim_no());
 

@@ -97,7 +97,7 @@ bool snapshot_matches(const PTRC_HASH_ENT& entry, Text snap_cd) {
   char armed[sizeof entry.snapshot_tx_cd];
   std::memcpy(armed, entry.snapshot_tx_cd, sizeof armed);
   const std::string_view wanted(armed, strnlen(armed, sizeof armed));
-  return !wanted.empty() && snap_cd.clipped(sizeof armed).starts_with(wanted);
+  return !wanted.empty() && snap_cd.clipped(kChnlTypCd.width).starts_with(wanted);
 }
 
 int validate_start(MTR_CXT_VAR& var, const RecordKind& kind, const char* svc_id, Text snap_cd) {

@@ -9,8 +9,8 @@ namespace varn {
 
 // Decides for a record of a type that a call of a kind is about to compose in `record`: 0, or 100,
 // 102, 112, 113, 116, 118 or 121. Writes the service id into the record's header; at the outermost
-// service start and end it also prepares the thread's shared entry. `snap_cd`: the code that a
-// requested snapshot is compared with; service starts only.
+// service start and end it also prepares the thread's shared entry. `snap_cd`: the channel
+// type that a requested snapshot is for; service starts only.
 int trace_validate(MTR_CXT_VAR& var, char rec_type, ApiType api_type, TRAN_LOGF_QUE_DATA& record,
                    Text svc_id, Text snap_cd);
 
