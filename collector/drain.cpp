@@ -30,29 +30,37 @@ constexpr auto kLongestRest = milliseconds(10);
 // Ends a reader's sleep. No record: those are never empty, and their type is another.
 constexpr long kWakeType = 0x57414b45;
 
-struct Message {
-  std::int64_t mtype;
-  char text[kRecordTextSize + 1];  // one byte more than a record shows that a message is longer
-};
 static_assert(sizeof(long) == sizeof(std::int64_t));
 
 enum class Got { kRecord, kWake, kNothing, kFault };
 
+// The rare message that is longer than a record. By now another collector may have taken it, so
+// that whatever comes is judged by its own size.
+ssize_t receive_cut(int msqid, TRAN_LOGF_QUE_DATA& data) {
+  struct {
+    std::int64_t mtype;
+    char text[kRecordTextSize + 1];
+  } message;
+  const ssize_t n =
+      msgrcv(msqid, &message, sizeof message.text, 0, MSG_NOERROR | IPC_NOWAIT);
+  if (n >= 0) std::memcpy(&data, &message, sizeof data);
+  return n;
+}
+
 // One message, if there is one or, with `wait`, when one comes. A fault stands in errno.
 Got receive(int msqid, bool wait, RawRecord& out) {
-  Message message;
   ssize_t n = 0;
   do {
-    n = msgrcv(msqid, &message, sizeof message.text, 0, MSG_NOERROR | (wait ? 0 : IPC_NOWAIT));
+    n = msgrcv(msqid, &out.data, kRecordTextSize, 0, wait ? 0 : IPC_NOWAIT);
+    if (n < 0 && errno == E2BIG) n = receive_cut(msqid, out.data);
   } while (n < 0 && errno == EINTR);
   if (n < 0) return errno == ENOMSG ? Got::kNothing : Got::kFault;
-  if (n == 0 && message.mtype == kWakeType) return Got::kWake;
+  if (n == 0 && out.data.mtype == kWakeType) return Got::kWake;
   out.size = static_cast<std::uint32_t>(n);
-  const std::size_t kept = std::min(static_cast<std::size_t>(n), kRecordTextSize);
-  char* const text = reinterpret_cast<char*>(&out.data) + offsetof(TRAN_LOGF_QUE_DATA, length);
-  out.data.mtype = message.mtype;
-  std::memcpy(text, message.text, kept);
-  std::memset(text + kept, ' ', kRecordTextSize - kept);
+  if (out.size < kRecordTextSize) {
+    char* const text = reinterpret_cast<char*>(&out.data) + offsetof(TRAN_LOGF_QUE_DATA, length);
+    std::memset(text + out.size, ' ', kRecordTextSize - out.size);
+  }
   return Got::kRecord;
 }
 
@@ -130,16 +138,20 @@ void Drain::read_queue(int queue) {
   const int msqid = msgq_ids_[static_cast<std::size_t>(queue)];
   prctl(PR_SET_TIMERSLACK, 1000UL);  // else the kernel doubles the shortest rest
 
-  Batch batch;
-  batch.reserve(kBatchRecords);
-  RawRecord record;
-  record.queue = queue;
+  Batch batch{std::vector<RawRecord>(kBatchRecords)};
   Clock::time_point now = Clock::now();
   Clock::time_point last_record = now;
   Clock::time_point farewell_end = {};
   Pace pace(queue_records(msqid), now);
   bool farewell = false;
   std::size_t owed = 0;  // records still to be read of those held when reading was to stop
+  const auto receive_next = [&](bool wait) {
+    RawRecord& record = batch.records[batch.count];
+    record.queue = queue;
+    const Got got = receive(msqid, wait, record);
+    if (got == Got::kRecord) ++batch.count;
+    return got;
+  };
 
   for (;;) {
     // Read before the messages are: an empty queue afterwards held nothing when stop() was called.
@@ -151,27 +163,24 @@ void Drain::read_queue(int queue) {
     }
 
     Got got = Got::kRecord;
-    while (batch.size() < kBatchRecords) {
-      got = receive(msqid, false, record);
-      if (got == Got::kRecord) batch.push_back(record);
-      if (got == Got::kNothing || got == Got::kFault) break;
-    }
+    while (batch.count < kBatchRecords && (got == Got::kRecord || got == Got::kWake))
+      got = receive_next(false);
     int fault = got == Got::kFault ? errno : 0;
     now = Clock::now();
-    pace.count(batch.size(), now);
-    if (!batch.empty()) last_record = now;
-    owed -= std::min(owed, batch.size());
+    pace.count(batch.count, now);
+    if (batch.count > 0) last_record = now;
+    owed -= std::min(owed, batch.count);
     hand_on(batch);
 
-    if (fault == 0 && got == Got::kNothing) {
+    if (got == Got::kNothing) {
       if (stopping) return;
       const bool idle = now - last_record > kIdle;
-      if (options_.waiting == Waiting::kRest && !idle) {
+      if (options_.waiting == Waiting::kPoll) {
+        std::this_thread::yield();
+      } else if (options_.waiting == Waiting::kRest && !idle) {
         std::this_thread::sleep_for(pace.rest());
-      } else if (options_.waiting != Waiting::kPoll) {
-        got = receive(msqid, true, record);
-        if (got == Got::kRecord) batch.push_back(record);
-        if (got == Got::kFault) fault = errno;
+      } else {
+        if (receive_next(true) == Got::kFault) fault = errno;
         last_record = Clock::now();
       }
     }
@@ -192,17 +201,23 @@ void Drain::reader_lost(int queue, int fault) {
 
 // Waits while the consumer is too far behind. Leaves an empty batch.
 void Drain::hand_on(Batch& batch) {
-  if (batch.empty()) return;
+  if (batch.count == 0) return;
   {
     std::unique_lock guard(lock_);
     room_ready_.wait(guard, [&] {
-      return buffered_ == 0 || buffered_ + batch.size() <= options_.buffer_records;
+      return buffered_ == 0 || buffered_ + batch.count <= options_.buffer_records;
     });
-    buffered_ += batch.size();
-    batches_.push_back(batch);  // a copy takes no more room than its records
+    buffered_ += batch.count;
+    if (batch.count == kBatchRecords && !spare_batches_.empty()) {
+      batches_.push_back(std::exchange(batch, std::move(spare_batches_.back())));
+      spare_batches_.pop_back();
+    } else {  // a copy takes no more room than its records
+      const auto begin = batch.records.begin();
+      batches_.push_back({{begin, begin + static_cast<std::ptrdiff_t>(batch.count)}, batch.count});
+    }
+    batch.count = 0;
   }
   batch_ready_.notify_one();
-  batch.clear();
 }
 
 void Drain::consume() {
@@ -210,12 +225,14 @@ void Drain::consume() {
   for (;;) {
     batch_ready_.wait(guard, [&] { return !batches_.empty() || readers_done_; });
     if (batches_.empty()) return;
-    const Batch batch = std::move(batches_.front());
+    Batch batch = std::move(batches_.front());
     batches_.pop_front();
     guard.unlock();
-    consumer_(batch);
+    consumer_({batch.records.data(), batch.count});
     guard.lock();
-    buffered_ -= batch.size();
+    buffered_ -= batch.count;
+    if (batch.records.size() == kBatchRecords && spare_batches_.size() < 2 * msgq_ids_.size())
+      spare_batches_.push_back(std::move(batch));
     room_ready_.notify_all();
   }
 }

@@ -62,7 +62,11 @@ class Drain {
   void stop();
 
  private:
-  using Batch = std::vector<RawRecord>;
+  // The first `count` of some records.
+  struct Batch {
+    std::vector<RawRecord> records;
+    std::size_t count = 0;
+  };
 
   void read_queue(int queue);
   void consume();
@@ -79,6 +83,7 @@ class Drain {
   std::condition_variable batch_ready_;
   std::condition_variable room_ready_;
   std::deque<Batch> batches_;
+  std::vector<Batch> spare_batches_;  // full-sized ones that the consumer is done with
   std::size_t buffered_ = 0;  // records in batches_ and in the consumer's hands
   bool readers_done_ = false;
 

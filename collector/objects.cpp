@@ -19,6 +19,7 @@
 #include "hash/get_svc_hash.h"
 #include "layout/config_keys.h"
 #include "layout/record.h"
+#include "util/msgq.h"
 #include "util/sem.h"
 #include "util/shared_word.h"
 
@@ -405,9 +406,9 @@ void detach_objects(SharedObjects& objects) {
   objects.ptrc_hash_tbl = nullptr;
 }
 
-bool remove_objects(const CollectorSettings& settings, int& removed, std::string& error) {
+bool remove_objects(const CollectorSettings& settings, Removed& removed, std::string& error) {
   const OneAtATime lock(settings.path);
-  removed = 0;
+  removed = {};
   error.clear();
   const auto note = [&error](const std::string& fault) {
     if (!error.empty()) error += '\n';
@@ -418,7 +419,7 @@ bool remove_objects(const CollectorSettings& settings, int& removed, std::string
     if (found == Found::kForeign) note(fault);
     if (found != Found::kThere) return;
     if (remove() == 0) {
-      ++removed;
+      ++removed.objects;
     } else if (errno != EINVAL && errno != EIDRM) {  // else somebody was faster
       note(name + " could not be removed: " + reason());
     }
@@ -440,7 +441,12 @@ bool remove_objects(const CollectorSettings& settings, int& removed, std::string
     const std::string name = name_of_queue(settings, queue);
     const Found found =
         find_queue(name, static_cast<key_t>(settings.tran_logf_msgqkey + queue), id, fault);
-    settle(found, fault, name, [&] { return msgctl(id, IPC_RMID, nullptr); });
+    settle(found, fault, name, [&] {
+      const long records = get_msgq_num(id);
+      const int rc = msgctl(id, IPC_RMID, nullptr);
+      if (rc == 0) removed.records += std::max(0L, records);
+      return rc;
+    });
   }
   return error.empty();
 }

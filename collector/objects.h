@@ -40,9 +40,14 @@ bool open_objects(const CollectorSettings& settings, SharedObjects& out, std::st
 
 void detach_objects(SharedObjects& objects);
 
-// Removes what exists under the settings' keys; `removed` counts. Foreign objects are left alone:
-// false then, and when something may not be removed.
-bool remove_objects(const CollectorSettings& settings, int& removed, std::string& error);
+struct Removed {
+  int objects = 0;
+  long records = 0;  // that were on the queues, and are lost with them
+};
+
+// Removes what exists under the settings' keys. Foreign objects are left alone: false then, and when
+// something may not be removed.
+bool remove_objects(const CollectorSettings& settings, Removed& removed, std::string& error);
 
 // How many records the queue holds when nobody reads; -1 when it is gone.
 long queue_records(int msqid);

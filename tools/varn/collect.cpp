@@ -1,6 +1,7 @@
 // varn collect: shows the records of an installation until a signal.
 #include <poll.h>
 
+#include <cerrno>
 #include <csignal>
 
 #include "tools/varn/collecting.h"
@@ -21,7 +22,9 @@ int collect(const std::string& path, const OutputOptions& output) {
   Collecting collecting(objects, output);
   std::fprintf(stderr, "varn: collecting from %zu queues until SIGINT or SIGTERM\n",
                objects.msgq_ids.size());
-  pollfd waited[] = {{signals.fd(), POLLIN, 0}, {collecting.ended_fd(), POLLIN, 0}};
+  pollfd waited[] = {{signals.fd(), POLLIN, 0},
+                     {collecting.ended_fd(), POLLIN, 0},
+                     {collecting.output_fd(), 0, 0}};
   while (poll(waited, std::size(waited), -1) < 0 && errno == EINTR) {
   }
   collecting.stop();

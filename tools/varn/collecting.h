@@ -1,11 +1,14 @@
 // A collection under way: drains the queues, shows each record and counts it.
 #pragma once
 
+#include <CLI/CLI.hpp>
 #include <atomic>
+#include <csignal>
 #include <cstdio>
+#include <initializer_list>
+#include <span>
 #include <string>
 
-#include "CLI/CLI.hpp"
 #include "collector/decode.h"
 #include "collector/drain.h"
 #include "collector/objects.h"
@@ -50,6 +53,8 @@ class Collecting {
   // Becomes readable when going on is of no use: no queue is left, or nobody takes the output.
   int ended_fd() const { return ended_fd_; }
   bool ended_early() const { return ended_early_.load(); }
+  // Polled for nothing, tells when a pipe's reader has gone.
+  int output_fd() const { return fileno(out_); }
 
   // Shows what the queues still hold, and no more.
   void stop() { drain_.stop(); }

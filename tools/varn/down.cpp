@@ -11,9 +11,11 @@ void down(const std::string& path) {
   CollectorSettings settings;
   std::string error;
   if (!read_settings(path, settings, error)) throw Failure(error);
-  int removed = 0;
+  Removed removed;
   const bool done = remove_objects(settings, removed, error);
-  std::cout << removed << " shared objects removed\n" << std::flush;
+  std::cout << removed.objects << " shared objects removed";
+  if (removed.records > 0) std::cout << ", and " << removed.records << " records nobody had collected";
+  std::cout << std::endl;
   if (!done) throw Failure(error);
 }
 

@@ -75,7 +75,7 @@ struct PrivateObjects {
   }
   ~PrivateObjects() {
     detach_objects(objects);
-    int removed = 0;
+    Removed removed;
     std::string error;
     if (!remove_objects(settings, removed, error)) std::fprintf(stderr, "varn: %s\n", error.c_str());
   }
