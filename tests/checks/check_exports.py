@@ -1,0 +1,92 @@
+"""The library exports what its header declares and its version script lists, and is a quiet guest.
+
+Usage: check_exports.py ROOT LIBRARY NM READELF
+"""
+
+import pathlib
+import re
+import subprocess
+import sys
+
+# A guest brings no library into its host that the host may not have.
+NEEDED = {"libc.so.6", "ld-linux-x86-64.so.2"}
+# Never unloaded, bound at once.
+DYNAMIC_FLAGS = ("NODELETE", "NOW")
+# The one that the compiler puts into every library; one of our own would run in every host.
+MOST_INITIALISERS = 1
+
+
+def run(*command):
+    return subprocess.run(command, check=True, capture_output=True, text=True).stdout
+
+
+def declared(header):
+    text = re.sub(r"/\*.*?\*/", "", header.read_text("utf-8"), flags=re.S)
+    text = re.sub(r"^[ \t]*#(?:.*\\\n)*.*$", "", text, flags=re.M)
+    return set(re.findall(r"\bVARN_API\b[^;(\[]*?(\w+)\s*[(\[;]", text))
+
+
+def listed(version_script):
+    """Pairs of name and version."""
+    text = version_script.read_text("utf-8")
+    return {
+        (name, version)
+        for version, body in re.findall(r"([\w.]+)\s*{(.*?)}", text, flags=re.S)
+        for name in re.findall(r"\w+", body.partition("global:")[2].partition("local:")[0])
+    }
+
+
+def exported(nm, library):
+    symbols = (line.split() for line in run(nm, "-D", "--defined-only", library).splitlines())
+    names = {symbol[-1] for symbol in symbols if symbol[-2] != "A"}  # A: the versions' own names
+    return {(name.partition("@")[0], name.rpartition("@")[2]) for name in names}
+
+
+def differences(left_name, left, right_name, right):
+    for name in sorted(left - right):
+        yield f"{name}: in {left_name}, not in {right_name}"
+    for name in sorted(right - left):
+        yield f"{name}: in {right_name}, not in {left_name}"
+
+
+def guest_faults(readelf, library, exports):
+    dynamic = run(readelf, "-dW", library)
+    needed = set(re.findall(r"\(NEEDED\).*\[(.+)\]", dynamic))
+    yield from differences("the libraries needed", needed, "those that may be", NEEDED)
+    if not re.search(r"\(SONAME\).*\[libvarn\.so\.\d+\]", dynamic):
+        yield "no SONAME of the form libvarn.so.N"
+    flags = re.findall(r"\(FLAGS_1\)\s+Flags: (.*)", dynamic)
+    for flag in DYNAMIC_FLAGS:
+        if flag not in " ".join(flags).split():
+            yield f"flag {flag} is not set"
+    if "(TEXTREL)" in dynamic:
+        yield "its code has to be relocated"
+    initialisers = re.search(r"\(INIT_ARRAYSZ\)\s+(\d+)", dynamic)
+    if initialisers and int(initialisers[1]) > 8 * MOST_INITIALISERS:
+        yield f"{int(initialisers[1]) // 8} initialisers run when it is loaded"
+
+    segments = run(readelf, "-lW", library)
+    if "GNU_RELRO" not in segments:
+        yield "no GNU_RELRO segment"
+    if not re.search(r"GNU_STACK.*\sRW\s", segments):
+        yield "the stack has to be executable"
+    relocations = run(readelf, "-rW", library)
+    for name in sorted(exports):
+        if re.search(rf"\s{name}(@|\s|$)", relocations, flags=re.M):
+            yield f"{name}: calls from inside may bind to a namesake of the host's"
+
+
+def faults(root, library, nm, readelf):
+    header = declared(root / "include/varn/tran.h")
+    script = listed(root / "cmake/varn.map")
+    if not header:
+        yield "no prototypes found in the header"
+    yield from differences("tran.h", header, "varn.map", {name for name, _ in script})
+    built = exported(nm, library)
+    versioned = ({f"{name}@{version}" for name, version in pairs} for pairs in (script, built))
+    yield from differences("varn.map", next(versioned), "the library", next(versioned))
+    yield from guest_faults(readelf, library, {name for name, _ in built})
+
+
+root, *rest = sys.argv[1:]
+sys.exit("\n".join(faults(pathlib.Path(root), *rest)) or None)

@@ -1,0 +1,39 @@
+"""Every header compiles alone, and twice in a row; the public one as C99 and as C++98 and C++20.
+
+Usage: check_headers.py ROOT CC CXX
+"""
+
+import concurrent.futures
+import os
+import pathlib
+import subprocess
+import sys
+
+STRICT = ["-fsyntax-only", "-Wall", "-Wextra", "-Werror"]
+PUBLIC = "varn/tran.h"
+
+
+def compile_alone(command, header):
+    source = f'#include "{header}"\n' * 2
+    done = subprocess.run(command, input=source, capture_output=True, text=True)
+    return f"{' '.join(command)}: {header}\n{done.stderr}" if done.returncode != 0 else None
+
+
+def jobs(root, cc, cxx):
+    include, src = root / "include", root / "src"
+    public = STRICT + ["-pedantic", f"-I{include}"]
+    yield [cc, "-std=c99", *public, "-xc", "-"], PUBLIC
+    yield [cxx, "-std=c++98", *public, "-xc++", "-"], PUBLIC
+    yield [cxx, "-std=c++20", *public, "-xc++", "-"], PUBLIC
+    inside = [cxx, "-std=c++20", *STRICT, f"-I{include}", f"-I{src}", f"-I{root}", "-xc++", "-"]
+    for folder, base in ((src, src), (root / "collector", root)):
+        headers = sorted(folder.rglob("*.h"))
+        if not headers:
+            sys.exit(f"no headers under {folder}")
+        for header in headers:
+            yield inside, header.relative_to(base).as_posix()
+
+
+with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+    results = list(pool.map(lambda job: compile_alone(*job), jobs(pathlib.Path(sys.argv[1]), *sys.argv[2:])))
+sys.exit("\n".join(filter(None, results)) or None)

@@ -1,0 +1,60 @@
+"""The package installs into any prefix, a program builds against it both ways and is traced.
+
+Usage: check_install.py ROOT BUILD CMAKE CC
+"""
+
+import os
+import pathlib
+import shlex
+import subprocess
+import sys
+import tempfile
+
+
+def run(*command, **options):
+    done = subprocess.run(
+        command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="utf-8", **options
+    )
+    if done.returncode != 0:
+        sys.exit(f"{shlex.join(map(str, command))}: exit status {done.returncode}\n{done.stdout}")
+    return done.stdout
+
+
+def build_with_cmake(cmake, source, prefix, build):
+    run(cmake, "-S", source, "-B", build, f"-DCMAKE_PREFIX_PATH={prefix}")
+    run(cmake, "--build", build)
+    return build / "consumer"
+
+
+def build_with_pkg_config(cc, source, library_dir, program):
+    paths = {**os.environ, "PKG_CONFIG_PATH": str(library_dir / "pkgconfig")}
+    flags = shlex.split(run("pkg-config", "--cflags", "--libs", "varn", env=paths))
+    run(cc, "-std=c99", "-Wall", "-Werror", source / "main.c", "-o", program, *flags)
+    return program
+
+
+def check(root, build, cmake, cc, scratch):
+    prefix = scratch / "prefix"
+    run(cmake, "--install", build, "--prefix", prefix)
+    sonames = list(prefix.rglob("libvarn.so.?"))
+    if len(sonames) != 1:
+        sys.exit(f"one libvarn.so.N wanted, found: {sonames}")
+    library_dir = sonames[0].parent
+
+    source = root / "examples/cmake_consumer"
+    programs = (
+        build_with_cmake(cmake, source, prefix, scratch / "consumer"),
+        build_with_pkg_config(cc, source, library_dir, scratch / "pkg_config_consumer"),
+    )
+    traced = {**os.environ, "LD_LIBRARY_PATH": str(library_dir)}
+    for program in programs:
+        shown = run(
+            root / "tests/support/private_ipc.sh", prefix / "bin/varn", "run", "--", program, env=traced
+        )
+        if "built against the installed library" not in shown:
+            sys.exit(f"{program}: its event was not shown:\n{shown}")
+
+
+with tempfile.TemporaryDirectory() as scratch:
+    root, build, cmake, cc = sys.argv[1:]
+    check(pathlib.Path(root), build, cmake, cc, pathlib.Path(scratch))

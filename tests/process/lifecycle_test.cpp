@@ -1,0 +1,281 @@
+// The agent as a guest: forks, signals, threads that call while it starts and stops, and calls made
+// inside calls.
+#include <signal.h>
+#include <sys/msg.h>
+#include <sys/sem.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <cerrno>
+#include <thread>
+#include <utility>
+
+#include "process/calls.h"
+
+namespace {
+// Runs once inside the next send of the thread, that is inside a traced call.
+thread_local const std::function<void()>* inside_next_send = nullptr;
+}  // namespace
+
+extern "C" [[gnu::visibility("default")]] int msgsnd(int msqid, const void* message, size_t size, int flags) {
+  if (const auto* const body = std::exchange(inside_next_send, nullptr)) (*body)();
+  return static_cast<int>(syscall(SYS_msgsnd, msqid, message, size, flags));
+}
+
+namespace varn::test {
+namespace {
+
+class Lifecycle : public testing::Test {
+ protected:
+  FakeCollector collector_;
+};
+
+// Threads that make every call again and again until they are told to stop.
+class Hammer {
+ public:
+  explicit Hammer(int threads) {
+    for (int i = 0; i < threads; ++i)
+      threads_.emplace_back([this, i] {
+        // Native threads, and ids of the caller's.
+        for (const int tid = i % 2 == 0 ? -1 : 100 + i; !stop_;) {
+          for (const auto& [name, result] : call_everything(tid)) {
+            if (is_sent(result)) ++sent_;
+            if (!is_documented(result)) ADD_FAILURE() << name << " returned " << result;
+          }
+        }
+      });
+  }
+  ~Hammer() {
+    stop_ = true;
+    for (std::thread& thread : threads_) thread.join();
+  }
+  bool gets_through() const {
+    return wait_until([this, before = sent_.load()] { return sent_ > before; });
+  }
+
+ private:
+  std::atomic<bool> stop_{false};
+  std::atomic<long> sent_{0};
+  std::vector<std::thread> threads_;
+};
+
+TEST_F(Lifecycle, AForkedChildIsNotStartedAndLeavesItsParentAlone) {
+  EXPECT_TRUE(collector_.run([&] {
+    ASSERT_EQ(TRAN_INIT(), 0);
+    ASSERT_TRUE(is_sent(start(-1)));
+    const auto parents = collector_.entries_of(getpid());
+    ASSERT_EQ(parents.size(), 2U);
+    ChildProcess idle([] { expect_everything_returns(103); });
+    EXPECT_TRUE(idle.wait());
+    ChildProcess busy([&] {
+      EXPECT_EQ(TRAN_DONE(), 0);
+      EXPECT_EQ(TRAN_SET_SVCTIMEOUT(-1), 103);
+      EXPECT_EQ(TRAN_INIT(), 0);
+      EXPECT_EQ(info(-1, nullptr), 123) << "the parent's service is not the child's";
+      EXPECT_TRUE(is_sent(start(-1)));
+      EXPECT_EQ(collector_.entries_of(getpid()).size(), 2U) << "entries of its own";
+      EXPECT_EQ(TRAN_DONE(), 0);
+    });
+    EXPECT_TRUE(busy.wait());
+    EXPECT_EQ(collector_.entries_of(getpid()), parents);
+    EXPECT_EQ(parents[0]->tran_state, 'f');
+    EXPECT_TRUE(is_sent(end(-1)));
+    EXPECT_EQ(TRAN_DONE(), 0);
+    EXPECT_EQ(parents[0]->tran_state, 'h');
+    EXPECT_EQ(parents[0]->prev_tran_state, 'g');
+  }));
+}
+
+TEST_F(Lifecycle, ForksBesideBusyThreadsHaveNoLockLeftHeld) {
+  EXPECT_TRUE(collector_.run([&] {
+    ASSERT_EQ(TRAN_INIT(), 0);
+    const Hammer hammer(3);
+    for (int i = 0; i < 20; ++i) {
+      ASSERT_TRUE(hammer.gets_through());
+      const pid_t pid = fork();
+      if (pid == 0) {
+        const bool refused = check_gvar('_') == 103;
+        const bool started = TRAN_INIT() == 0 && check_gvar('_') == 0 && is_documented(event(-1));
+        _exit(refused && started && TRAN_DONE() == 0 ? 0 : 1);
+      }
+      int status = -1;
+      EXPECT_TRUE(wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; }));
+      EXPECT_EQ(status, 0);
+    }
+    EXPECT_TRUE(hammer.gets_through());
+  }));
+}
+
+TEST_F(Lifecycle, StartsAndReleasesWhileThreadsCall) {
+  EXPECT_TRUE(collector_.run([&] {
+    const Hammer hammer(4);
+    for (int cycle = 0; cycle < 20; ++cycle) {
+      ASSERT_EQ(TRAN_INIT(), 0) << cycle;
+      EXPECT_TRUE(hammer.gets_through()) << cycle;
+      EXPECT_EQ(TRAN_DONE(), 0) << cycle;
+      EXPECT_EQ(check_gvar('_'), 103);
+      collector_.read_all();
+    }
+    ASSERT_EQ(TRAN_INIT(), 0);  // and the process ends without a release
+  }));
+}
+
+TEST_F(Lifecycle, ContextsAreTakenBackWhileThreadsCall) {
+  EXPECT_TRUE(collector_.run([&] {
+    ASSERT_EQ(TRAN_INIT(), 0);
+    const Hammer hammer(4);
+    for (int i = 0; i < 60; ++i) {
+      std::thread([&] {
+        for (const int tid : {-1, 101 + 256 * (1 + i % 12)})  // in a bucket of the others
+          for (const auto& [name, result] : call_everything(tid))
+            EXPECT_TRUE(is_documented(result)) << name << " returned " << result;
+      }).join();
+      const auto entries = collector_.entries_of(getpid());
+      entries[static_cast<std::size_t>(i) % entries.size()]->ent_status = kEntReleaseRequested;
+    }
+    collector_.read_all();
+    EXPECT_TRUE(hammer.gets_through());
+  }));
+  EXPECT_TRUE(collector_.logged("(thread killed, "));
+  EXPECT_TRUE(collector_.logged("(thread alive, "));
+}
+
+TEST_F(Lifecycle, OfManyStartsAtOnceOneIsTheStart) {
+  EXPECT_TRUE(collector_.run([] {
+    std::atomic<int> started{0}, refused{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i)
+      threads.emplace_back([&] {
+        const int result = TRAN_INIT();
+        started += result == 0 ? 1 : 0;
+        refused += result == 104 ? 1 : 0;
+      });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(started, 1);
+    EXPECT_EQ(refused, 7);
+  }));
+}
+
+TEST_F(Lifecycle, AReleaseDoesNotPullMemoryFromUnderACall) {
+  EXPECT_TRUE(collector_.run([&] {
+    ASSERT_EQ(TRAN_INIT(), 0);
+    std::atomic<bool> inside{false}, go_on{false};
+    std::thread caller([&] {
+      const std::function<void()> linger = [&] {
+        inside = true;
+        wait_until([&] { return go_on.load(); });
+      };
+      inside_next_send = &linger;
+      EXPECT_TRUE(is_sent(event(-1))) << "a call under way completes";
+      EXPECT_EQ(event(-1), 103);
+    });
+    ASSERT_TRUE(wait_until([&] { return inside.load(); }));
+    EXPECT_EQ(TRAN_DONE(), -1);
+    EXPECT_EQ(check_gvar('_'), 103) << "new calls are refused all the same";
+    go_on = true;
+    caller.join();
+    EXPECT_EQ(TRAN_INIT(), 0);
+    EXPECT_TRUE(is_sent(event(-1)));
+    EXPECT_EQ(TRAN_DONE(), 0);
+  }));
+  EXPECT_EQ(collector_.count_logged(">> TRAN_DONE() Fail..."), 1);
+}
+
+TEST_F(Lifecycle, ACallInsideACallTouchesNothing) {
+  EXPECT_TRUE(collector_.run([] {
+    ASSERT_EQ(TRAN_INIT(), 0);
+    ASSERT_TRUE(is_sent(start(-1)));
+    bool ran = false;
+    const std::function<void()> call_again = [&ran] {
+      errno = 42;
+      expect_everything_returns(105);
+      expect_everything_returns(105, 77);
+      EXPECT_EQ(TRAN_INIT(), 105);
+      EXPECT_EQ(TRAN_DONE(), -1);
+      EXPECT_EQ(errno, 42);
+      ran = true;
+    };
+    inside_next_send = &call_again;
+    EXPECT_TRUE(is_sent(info(-1, nullptr, "the outer call")));
+    EXPECT_TRUE(ran);
+    EXPECT_TRUE(is_sent(end(-1)));
+    EXPECT_EQ(end(-1), 123);
+  }));
+  const std::vector<Record> infos = collector_.read_all('I');
+  ASSERT_FALSE(infos.empty());
+  EXPECT_EQ(body_field(infos[0], "message"), "the outer call");
+}
+
+TEST_F(Lifecycle, AServiceTimeOutCountsEvenInsideACall) {
+  EXPECT_TRUE(collector_.run([] {
+    ASSERT_EQ(TRAN_INIT(), 0);
+    const std::function<void()> time_out = [] { EXPECT_EQ(TRAN_SET_SVCTIMEOUT(-1), 105); };
+    inside_next_send = &time_out;
+    EXPECT_TRUE(is_sent(event(-1)));
+    expect_everything_returns(126);
+    EXPECT_EQ(TRAN_DONE(), 0);
+    EXPECT_EQ(TRAN_INIT(), 0);
+    EXPECT_TRUE(is_sent(event(-1))) << "until the next start";
+  }));
+}
+
+TEST_F(Lifecycle, AForkInsideACallReturnsIntoIt) {
+  EXPECT_TRUE(collector_.run([] {
+    ASSERT_EQ(TRAN_INIT(), 0);
+    const pid_t parent = getpid();
+    pid_t child = -1;
+    const std::function<void()> fork_inside = [&child] { child = fork(); };
+    inside_next_send = &fork_inside;
+    EXPECT_TRUE(is_documented(event(-1)));
+    if (getpid() != parent) _exit(check_gvar('_') == 103 && TRAN_INIT() == 0 ? 0 : 1);
+    int status = -1;
+    EXPECT_TRUE(wait_until([&] { return waitpid(child, &status, WNOHANG) == child; }));
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(is_sent(event(-1)));
+  }));
+}
+
+std::atomic<int> handled{0};
+std::atomic<int> inside_a_call{0};
+std::atomic<int> odd_results{0};
+
+TEST_F(Lifecycle, SignalHandlersMayCallAtAnyMoment) {
+  collector_.que_info().log_flag_set = get_log_flag_set("SEV");  // without information records
+  EXPECT_TRUE(collector_.run([] {
+    ASSERT_EQ(TRAN_INIT(), 0);
+    struct sigaction action = {};
+    action.sa_handler = [](int) {
+      const int interrupted_errno = std::exchange(errno, 77);
+      const int result = info(-1);
+      if (errno != 77 || (result != 100 && result != 105)) ++odd_results;
+      if (result == 105) ++inside_a_call;
+      ++handled;
+      errno = interrupted_errno;
+    };
+    sigaction(SIGALRM, &action, nullptr);
+    const itimerval every_ms = {{0, 1000}, {0, 1000}};
+    setitimer(ITIMER_REAL, &every_ms, nullptr);
+#ifdef __SANITIZE_THREAD__
+    constexpr int kInside = 0;  // it puts handlers off until the thread waits for something
+#else
+    constexpr int kInside = 20;
+#endif
+    EXPECT_TRUE(wait_until([] {
+      for (int i = 0; i < 200; ++i) {
+        errno = 33;
+        const int started = start(-1);
+        const int ended = end(-1);
+        EXPECT_TRUE((is_sent(started) || started == 105) && (is_sent(ended) || ended == 105));
+        EXPECT_EQ(errno, 33) << "the queue may be full, the host's errno is its own";
+      }
+      return handled >= 50 && inside_a_call >= kInside;
+    }));
+    EXPECT_EQ(odd_results, 0);
+    EXPECT_EQ(end(-1), 123) << "starts and ends were not disturbed";
+  }));
+}
+
+}  // namespace
+}  // namespace varn::test

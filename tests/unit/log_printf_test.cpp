@@ -1,0 +1,207 @@
+#include "util/log_printf.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/support.h"
+
+namespace varn::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+// The local day is moved by moving to another place: these two are 26 hours apart.
+void go_east() { setenv("TZ", "EAST-14", 1), tzset(); }
+void go_west() { setenv("TZ", "WEST+12", 1), tzset(); }
+
+std::string today(const char* format) {
+  const time_t now = time(nullptr);
+  struct tm local;
+  localtime_r(&now, &local);
+  char text[64];
+  std::strftime(text, sizeof text, format, &local);
+  return text;
+}
+
+class Log : public testing::Test {
+ protected:
+  void SetUp() override {
+    forget_log();
+    go_west();
+  }
+  void TearDown() override {
+    forget_log();
+    unsetenv("TZ");
+    tzset();
+  }
+
+  int open(unsigned mask = 0) { return open_log(dir_.path().c_str(), "title", mask); }
+  fs::path todays_file() const { return dir_ / today("title-%Y-%m-%d-log"); }
+  static std::vector<std::string> texts_in(const fs::path& file) {
+    std::vector<std::string> texts;
+    for (const LogLine& line : parse_log(read_file(file))) texts.push_back(line.text);
+    return texts;
+  }
+  using Texts = std::vector<std::string>;
+
+  TempDir dir_;
+};
+
+TEST_F(Log, DropsMessagesBeforeItIsOpenedAndAfterItIsClosed) {
+  EXPECT_LT(log_printf("early"), 1);
+  EXPECT_TRUE(fs::is_empty(dir_.path()));
+  ASSERT_EQ(open(), 0);
+  close_log();
+  EXPECT_LT(log_printf("late"), 1);
+  EXPECT_EQ(read_file(todays_file()), "");
+}
+
+TEST_F(Log, ALineIsProcessIdStampAndMessage) {
+  ASSERT_EQ(open(), 0);
+  std::string before, line, after;
+  do {  // until the second did not change meanwhile
+    before = today("%m-%d %H:%M:%S");
+    log_printf("(I) %s %d", "value", 7);
+    after = today("%m-%d %H:%M:%S");
+  } while (before != after);
+  line = read_file(todays_file());
+  line = line.substr(line.rfind('\n', line.size() - 2) + 1);
+  EXPECT_EQ(line, "(" + std::to_string(getpid()) + ") " + before + "  (I) value 7\n");
+  EXPECT_LT(log_printf("%s", ""), 1) << "an empty message is not written";
+}
+
+TEST_F(Log, PermissionsAreThoseAskedForWhateverTheHostsMask) {
+  const mode_t hosts_mask = umask(077);
+  ASSERT_EQ(open(), 0);
+  EXPECT_EQ(umask(077), 077U) << "the host's mask is the host's";
+  EXPECT_EQ(fs::status(todays_file()).permissions(), fs::perms(0666));
+  fs::permissions(todays_file(), fs::perms(0600));
+  close_log();
+  ASSERT_EQ(open(), 0);
+  EXPECT_EQ(fs::status(todays_file()).permissions(), fs::perms(0600)) << "of a new file only";
+  close_log();
+  fs::remove(todays_file());
+  ASSERT_EQ(open(022), 0);
+  EXPECT_EQ(fs::status(todays_file()).permissions(), fs::perms(0644));
+  go_east();
+  log_printf("next day");
+  EXPECT_EQ(fs::status(todays_file()).permissions(), fs::perms(0666));
+  umask(hosts_mask);
+}
+
+TEST_F(Log, CutsAMessageAt4095Characters) {
+  ASSERT_EQ(open(), 0);
+  log_printf("%s", std::string(5000, 'x').c_str());
+  log_printf("next");
+  EXPECT_EQ(texts_in(todays_file()), (Texts{std::string(4095, 'x'), "next"}));
+}
+
+TEST_F(Log, ASecondOpenChangesNothing) {
+  const TempDir other;
+  ASSERT_EQ(open(), 0);
+  EXPECT_EQ(open_log(other.path().c_str(), "other", 0), 0);
+  log_printf("one");
+  EXPECT_EQ(texts_in(todays_file()), Texts{"one"});
+  go_east();
+  log_printf("two");
+  EXPECT_EQ(texts_in(todays_file()), Texts{"two"});
+  EXPECT_TRUE(fs::is_empty(other.path()));
+  close_log();
+  ASSERT_EQ(open_log(nullptr, "renamed", 0), 0) << "null keeps the directory";
+  EXPECT_TRUE(fs::exists(dir_ / today("renamed-%Y-%m-%d-log")));
+}
+
+TEST_F(Log, TheFirstMessageOfADayGoesToItsFile) {
+  ASSERT_EQ(open(), 0);
+  const fs::path first = todays_file();
+  log_printf("one");
+  go_east();
+  log_printf("two");
+  ASSERT_NE(first, todays_file());
+  EXPECT_EQ(texts_in(first), Texts{"one"});
+  EXPECT_EQ(texts_in(todays_file()), Texts{"two"});
+  for (const auto& fd : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code closed_meanwhile;
+    EXPECT_NE(fs::read_symlink(fd, closed_meanwhile), first) << "the old file is still open";
+  }
+}
+
+TEST_F(Log, WhatCannotBeOpenedIsTriedAgainTheNextDay) {
+  const fs::path dir = dir_ / "late";
+  EXPECT_EQ(open_log(dir.c_str(), "title", 0), -1);
+  fs::create_directory(dir);
+  EXPECT_LT(log_printf("dropped"), 1);
+  go_east();
+  EXPECT_GT(log_printf("one"), 0);
+  fs::rename(dir, dir_ / "moved");
+  go_west();
+  log_printf("dropped");  // the new day has no file
+  fs::rename(dir_ / "moved", dir);
+  go_east();
+  EXPECT_GT(log_printf("two"), 0);
+  EXPECT_EQ(texts_in(dir / today("title-%Y-%m-%d-log")), (Texts{"one", "two"}));
+}
+
+TEST_F(Log, ThreadsLoseNoLineWhileTheDayChanges) {
+  constexpr int kThreads = 4;
+  constexpr int kLines = 2000;
+  ASSERT_EQ(open(), 0);
+  std::atomic<int> running{kThreads};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([t, &running] {
+      for (int i = 0; i < kLines; ++i) log_printf("%d-%d", t, i);
+      --running;
+    });
+  for (bool east = true; running > 0; east = !east) {
+    east ? go_east() : go_west();
+    std::this_thread::yield();
+  }
+  for (std::thread& thread : threads) thread.join();
+  std::multiset<std::string> written;
+  for (const auto& file : fs::directory_iterator(dir_.path()))
+    for (const std::string& text : texts_in(file)) written.insert(text);
+  EXPECT_EQ(written.size(), std::size_t{kThreads * kLines});
+  EXPECT_EQ(std::set<std::string>(written.begin(), written.end()).size(), written.size());
+}
+
+TEST_F(Log, ARepeatedLineIsWrittenTenTimesASecondAndThenCounted) {
+  ASSERT_EQ(open(), 0);
+  static LogLimit limit;
+  const auto repeat = [] {
+    if (may_log(limit)) log_printf("again");
+  };
+  const auto next_second = [] {
+    const time_t now = time(nullptr);
+    ASSERT_TRUE(wait_until([now] { return time(nullptr) != now; }));
+  };
+  const auto count = [&](const std::string& text) {
+    const Texts texts = texts_in(todays_file());
+    return std::count(texts.begin(), texts.end(), text);
+  };
+  time_t begun;
+  do {  // until all 25 fell into one second
+    close_log();
+    fs::remove(todays_file());
+    ASSERT_EQ(open(), 0);
+    next_second();
+    begun = time(nullptr);
+    limit.suppressed = 0;
+    for (int i = 0; i < 25; ++i) repeat();
+  } while (time(nullptr) != begun);
+  EXPECT_EQ(count("again"), 10);
+  next_second();
+  repeat();
+  EXPECT_EQ(count("again"), 11);
+  EXPECT_EQ(count("(I) 15 more lines like the next one were left out"), 1);
+}
+
+}  // namespace
+}  // namespace varn::test
