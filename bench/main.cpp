@@ -1,0 +1,227 @@
+// What a traced call costs its thread, beside the bare send that it cannot do without.
+#include <benchmark/benchmark.h>
+#include <sys/msg.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "bench/cpus.h"
+#include "bench/stage.h"
+#include "bench/table.h"
+#include "layout/record.h"
+#include "varn/tran.h"
+
+namespace varn::bench {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::uint8_t kAllOn = 0xFF;
+constexpr std::uint8_t kAllOff = 0;
+
+// What the clock adds to a call that is timed alone.
+double clock_ns() {
+  constexpr int kReadings = 10'001;
+  std::vector<double> gaps(kReadings);
+  for (double& gap : gaps) {
+    const auto start = Clock::now();
+    gap = std::chrono::duration<double, std::nano>(Clock::now() - start).count();
+  }
+  std::ranges::nth_element(gaps, gaps.begin() + kReadings / 2);
+  return gaps[kReadings / 2];
+}
+
+double percentile(std::vector<double>& values, double share) {
+  const auto at = static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
+  std::ranges::nth_element(values, values.begin() + at);
+  return values[static_cast<std::size_t>(at)];
+}
+
+// ---- The calls
+// -----------------------------------------------------------------------------------
+
+#define NONE nullptr, 0
+#define NO_HEAD NONE, NONE, NONE, NONE, NONE, NONE, NONE
+
+constexpr char kGidText[] = "202611220930WEB010000000000001";
+constexpr char kMessageText[] = "balance 1,204,300 after transfer to 110-204-559102";
+
+// A text of full width for every field. Process id, date and time are left to the agent: a caller
+// that gives the time has no response time measured.
+struct Texts {
+#define VARN_TEXT(name, width) std::string name = std::string(width, 'A');
+  TRAN_FIELD_LIST(VARN_TEXT)
+#undef VARN_TEXT
+  Texts() {
+    gid = kGidText;
+    pid_str.clear();
+    date_str.clear();
+    time_str.clear();
+  }
+};
+const Texts kTexts;
+
+template <auto* kTran>
+int transaction_call() {
+  const auto given = [](const std::string& text) { return text.empty() ? nullptr : text.data(); };
+#define VARN_ARGUMENT(name, width) , given(kTexts.name), static_cast<int>(kTexts.name.size())
+  return kTran(-1 TRAN_FIELD_LIST(VARN_ARGUMENT));
+#undef VARN_ARGUMENT
+}
+
+int start_service() { return transaction_call<TRAN_START>(); }
+int end_service() { return transaction_call<TRAN_END>(); }
+
+int info() { return TRAN_INFO(-1, NO_HEAD, kMessageText, sizeof kMessageText - 1); }
+int errinfo(int tid) {
+  return TRAN_ERRINFO(tid, NO_HEAD, "0001", 4, NONE, NONE, kMessageText, sizeof kMessageText - 1);
+}
+
+// ---- Measuring
+// -----------------------------------------------------------------------------------
+
+struct Conditions {
+  const char* waiting_name = nullptr;  // in front of the name
+  Waiting waiting = Waiting::kRest;
+  std::uint8_t log_flags = kAllOn;
+  int expected = TRAN_RC_OK;  // what each call has to return; the only queue has number 0
+  bool in_service = false;    // calls are made inside an open service
+  int batch = 64;             // calls timed together; records of a batch find room on the queue
+  int batches = 400;          // a run and thread
+  std::chrono::microseconds pause{0};  // between batches, spent at work
+};
+
+struct Bench {
+  Stage& stage;
+  const std::vector<int> cpus;
+  const double clock_ns;
+};
+
+void work_for(std::chrono::microseconds span) {
+  for (const auto end = Clock::now() + span; Clock::now() < end;) {
+  }
+}
+
+template <typename Call>
+void measure(benchmark::State& state, const Bench& bench, const Conditions& conditions, Call call) {
+  std::vector<double> samples;
+  samples.reserve(static_cast<std::size_t>(conditions.batches));
+  int wrong = 0;
+  run_on(bench.cpus[static_cast<std::size_t>(state.thread_index()) % bench.cpus.size()]);
+  // All threads pass a barrier before the first turn and one behind the last.
+  if (state.thread_index() == 0) bench.stage.begin(conditions.waiting, conditions.log_flags);
+  for (auto _ : state) {
+    if (samples.empty() && conditions.in_service) start_service();
+    const auto start = Clock::now();
+    for (int i = 0; i < conditions.batch; ++i) wrong += call() != conditions.expected;
+    const std::chrono::duration<double, std::nano> span = Clock::now() - start;
+    samples.push_back(std::max(0.0, span.count() - bench.clock_ns) / conditions.batch);
+    state.SetIterationTime(samples.back() * 1e-9);
+    bench.stage.wait_for_room();
+    if (conditions.pause.count() > 0) work_for(conditions.pause);
+  }
+  if (conditions.in_service) end_service();
+  if (state.thread_index() == 0) bench.stage.end();
+  if (wrong > 0)
+    state.SkipWithError(
+        (std::to_string(wrong) + " calls did not return " + std::to_string(conditions.expected))
+            .c_str());
+  state.counters[kMedian] = {percentile(samples, 0.5), benchmark::Counter::kAvgThreads};
+  state.counters[kP99] = {percentile(samples, 0.99), benchmark::Counter::kAvgThreads};
+}
+
+template <typename Call>
+void add(const Bench& bench, const char* name, const Conditions& conditions, Call call) {
+  const bool paced = conditions.waiting_name != nullptr;
+  auto* const added = benchmark::RegisterBenchmark(
+      (paced ? under(conditions.waiting_name, name) : std::string(name)).c_str(),
+      [&bench, conditions, call](benchmark::State& state) {
+        measure(state, bench, conditions, call);
+      });
+  added->UseManualTime()->Iterations(conditions.batches)->Threads(1);
+  if (!paced) added->Threads(2);
+}
+
+void add_all(const Bench& bench) {
+  static TRAN_LOGF_QUE_DATA record = {.mtype = kRecordMsgType, .length = kBodyAt, .view = {}};
+  std::ranges::fill(record.view, ' ');
+  const auto bare_send = [id = bench.stage.msgq_id()] {
+    return msgsnd(id, &record, kRecordTextSize, IPC_NOWAIT);
+  };
+  const auto pair = [] { return start_service() | end_service(); };
+  const auto errinfo_here = [] { return errinfo(-1); };
+  // Each time another number than the last, the two of them this thread's own.
+  const auto errinfo_other = [] {
+    static std::atomic<int> last_number;
+    thread_local const int number = last_number.fetch_add(2) % 200 + 1;
+    thread_local int turn = 0;
+    return errinfo(number + (turn ^= 1));
+  };
+
+  add(bench, kBareSend, {}, bare_send);
+  add(bench, kInfo, {.in_service = true}, info);
+  add(bench, kPair, {.batch = 32}, pair);
+
+  Conditions off{.log_flags = kAllOff, .expected = TRAN_RC_SWITCHED_OFF, .batch = 2048};
+  add(bench, kCheck, off, [] { return check_gvar('I'); });
+  add(bench, kInfoOff, off, info);
+  add(bench, kPairOff, off, pair);
+  add(bench, kErrInfoOff, off, errinfo_here);
+  const Conditions no_service{.expected = TRAN_RC_DEPTH, .batch = 2048};
+  add(bench, kErrInfoNoService, no_service, errinfo_here);
+  add(bench, kErrInfoOtherThread, no_service, errinfo_other);
+
+  struct {
+    const char* name;
+    Waiting waiting;
+  } const ways[] = {
+      {kResting, Waiting::kRest}, {kBlocking, Waiting::kBlock}, {kPolling, Waiting::kPoll}};
+  for (const auto& way : ways) {
+    Conditions paced{.waiting_name = way.name, .waiting = way.waiting, .batch = 1, .batches = 1000};
+    paced.pause = std::chrono::microseconds(50);
+    add(bench, kBareSend, paced, bare_send);
+    paced.in_service = true;
+    add(bench, kInfo, paced, info);
+  }
+}
+
+int run(int argc, char** argv) {
+  // The program's own settings first: those of the command line override them.
+  std::vector<std::string> settings = {argv[0], "--benchmark_enable_random_interleaving=true",
+                                       "--benchmark_repetitions=21"};
+  settings.insert(settings.end(), argv + 1, argv + argc);
+  std::vector<char*> pointers;
+  for (std::string& setting : settings) pointers.push_back(setting.data());
+  int count = static_cast<int>(pointers.size());
+  benchmark::Initialize(&count, pointers.data());
+  if (benchmark::ReportUnrecognizedArguments(count, pointers.data())) return EXIT_FAILURE;
+
+  const std::vector<int> cpus = usable_cpus();
+  Stage stage(cpus.back());
+  const Bench bench{stage, cpus, clock_ns()};
+  add_all(bench);
+  Table table;
+  if (benchmark::RunSpecifiedBenchmarks(&table) == 0) return EXIT_FAILURE;
+  if (const std::uint32_t lost = stage.failed_sends(); lost > 0 || table.failed()) {
+    std::fprintf(stderr, "varn_bench: not to be used: %u records found no room, see above\n", lost);
+    return EXIT_FAILURE;
+  }
+  return EXIT_SUCCESS;
+}
+
+}  // namespace
+}  // namespace varn::bench
+
+int main(int argc, char** argv) {
+  try {
+    return varn::bench::run(argc, argv);
+  } catch (const std::exception& fault) {
+    std::fprintf(stderr, "varn_bench: %s\n", fault.what());
+    return EXIT_FAILURE;
+  }
+}
