@@ -1,4 +1,5 @@
 // TRAN_START, TRAN_END and TRAN_ERROR: the service levels of a thread.
+#include <cstdio>
 #include <cstring>
 #include <iterator>
 
@@ -109,26 +110,29 @@ Stamp stamp_of(MTR_CXT_VAR& var, const TimeVal& current, const TimeVal& moment) 
       VARN_SV(svc_id));
 }
 
-// ---- start
-// ---------------------------------------------------------------------------------------
-
-[[gnu::cold]] int refuse_negative_depth(const MTR_CXT_VAR& var, Pairs pairs) {
+// A depth that cannot be, and what becomes of it where it changes.
+[[gnu::cold]] void log_depth_error(const MTR_CXT_VAR& var, const char* what, int new_depth,
+                                   Pairs pairs) {
+  char value[32];
+  if (new_depth == var.svc_depth)
+    std::snprintf(value, sizeof value, "%d", var.svc_depth);
+  else
+    std::snprintf(value, sizeof value, "(%d)->(%d)", var.svc_depth, new_depth);
   const std::string_view gid = shown_gid(pairs);
   const std::string_view svc_id = shown_svc_id(pairs);
-  VARN_LOG_LIMITED(
-      "<!> START service_depth minus error!(val:%d (MAX:%d)) GID-PID-TID|%.*s|-|%d|-|%lu|, SVC "
-      "(%.*s).",
-      var.svc_depth, kMaxSvcDepth, VARN_SV(gid), var.pid, var.tid, VARN_SV(svc_id));
+  VARN_LOG_LIMITED("<!> %s!(val:%s (MAX:%d)) GID-PID-TID|%.*s|-|%d|-|%lu|, SVC (%.*s).", what,
+                   value, kMaxSvcDepth, VARN_SV(gid), var.pid, var.tid, VARN_SV(svc_id));
+}
+
+// ---- Start ----
+
+[[gnu::cold]] int refuse_negative_depth(const MTR_CXT_VAR& var, Pairs pairs) {
+  log_depth_error(var, "START service_depth minus error", var.svc_depth, pairs);
   return TRAN_RC_DEPTH;
 }
 
 [[gnu::cold]] void drop_overflowed_levels(MTR_CXT_VAR& var, Pairs pairs) {
-  const std::string_view gid = shown_gid(pairs);
-  const std::string_view svc_id = shown_svc_id(pairs);
-  VARN_LOG_LIMITED(
-      "<!> START service_depth MAX error!(val:%d (MAX:%d)) GID-PID-TID|%.*s|-|%d|-|%lu|, SVC "
-      "(%.*s).",
-      var.svc_depth, kMaxSvcDepth, VARN_SV(gid), var.pid, var.tid, VARN_SV(svc_id));
+  log_depth_error(var, "START service_depth MAX error", var.svc_depth, pairs);
   set_depth(var, 0);
 }
 
@@ -189,7 +193,7 @@ void settle_open_levels(MTR_CXT_VAR& var, Pairs pairs, std::int64_t second) {
   const bool same_gid = !pairs[kPairGid].given() || has_gid(top, pairs[kPairGid]);
   if (gvar.default_timeout_sec <= elapsed)
     drop_stale_levels(var, pairs, top, same_gid, elapsed);
-  else if (!same_gid && !is_linked_channel(pairs[kHeadPairs + 2]))
+  else if (!same_gid && !is_linked_channel(pairs[kPairChnlTypCd]))
     report_linked_transaction(var, pairs, top, elapsed);
 }
 
@@ -237,7 +241,7 @@ int start_service(MTR_CXT_VAR& var, int tid, Pairs pairs) {
 
   // Before validation: a refused start counts as a level, which its end closes.
   set_depth(var, var.svc_depth + 1);
-  const Text chnl_typ_cd = pairs[kHeadPairs + 2];
+  const Text chnl_typ_cd = pairs[kPairChnlTypCd];
   if (const int rc = trace_validate(var, '1', kStartApi, var.rec, pairs[kPairSvcId], chnl_typ_cd);
       rc != 0)
     return rc;
@@ -256,26 +260,15 @@ int start_service(MTR_CXT_VAR& var, int tid, Pairs pairs) {
   return tran_logb(var, var.rec);
 }
 
-// ---- end
-// -----------------------------------------------------------------------------------------
+// ---- End ----
 
 [[gnu::cold]] int refuse_end_without_service(const MTR_CXT_VAR& var, Pairs pairs) {
-  const std::string_view gid = shown_gid(pairs);
-  const std::string_view svc_id = shown_svc_id(pairs);
-  VARN_LOG_LIMITED(
-      "<!> END service_depth error!(val:%d (MAX:%d)) GID-PID-TID|%.*s|-|%d|-|%lu|, SVC (%.*s).",
-      var.svc_depth, kMaxSvcDepth, VARN_SV(gid), var.pid, var.tid, VARN_SV(svc_id));
+  log_depth_error(var, "END service_depth error", var.svc_depth, pairs);
   return TRAN_RC_DEPTH;
 }
 
 [[gnu::cold]] int refuse_end_beyond_stack(MTR_CXT_VAR& var, Pairs pairs) {
-  const std::string_view gid = shown_gid(pairs);
-  const std::string_view svc_id = shown_svc_id(pairs);
-  VARN_LOG_LIMITED(
-      "<!> END service_depth max error!(val:(%d)->(%d) (MAX:%d)) GID-PID-TID|%.*s|-|%d|-|%lu|, SVC "
-      "(%.*s).",
-      var.svc_depth, var.svc_depth - 1, kMaxSvcDepth, VARN_SV(gid), var.pid, var.tid,
-      VARN_SV(svc_id));
+  log_depth_error(var, "END service_depth max error", var.svc_depth - 1, pairs);
   --var.svc_depth;
   return TRAN_RC_DEPTH;
 }
@@ -403,8 +396,7 @@ int end_service(MTR_CXT_VAR& var, int tid, Pairs pairs) {
   return rc;
 }
 
-// ---- error
-// ---------------------------------------------------------------------------------------
+// ---- Error ----
 
 int report_error(MTR_CXT_VAR& var, int, Pairs pairs) {
   const SvcLevel* const level = current_level(var);

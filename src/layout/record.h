@@ -144,6 +144,7 @@ enum Pair : std::size_t {
   kPairDateStr,
   kPairTimeStr,
   kHeadPairs,
+  kPairChnlTypCd = 9,  // of a transaction
 };
 inline constexpr std::size_t kServiceNumbers =
     3;  // body fields that no pair fills: elapsed to depth
@@ -204,5 +205,6 @@ inline constexpr std::size_t kServicePairs = TRAN_FIELD_LIST(VARN_COUNT_PAIR);
 #undef VARN_COUNT_PAIR
 static_assert(kServicePairs == 29);
 static_assert(kServicePairs - kHeadPairs == kServiceBody.size() - kServiceNumbers);
+static_assert(kServiceBody[kPairChnlTypCd - kHeadPairs + kServiceNumbers].at == kChnlTypCd.at);
 
 }  // namespace varn
