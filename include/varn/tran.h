@@ -198,7 +198,8 @@ typedef struct tran_call_rc {
 } tran_call_rc;
 
 /* The error class of a finished call: 0 none, 1 or 2 as configured for the magnitude of a negative
- * return code. A status of -1 sets the return code to 99 and gives 0, as does a null pointer. */
+ * return code. A status of -1 sets the return code to 99 and gives 0. A null pointer gives 0,
+ * and so does an agent that is not started, which changes nothing. */
 VARN_API int is_err_rc(tran_call_rc* call);
 
 /* Writes one field of a record: `width` bytes of `dst`, from `src` cut or padded with blanks, and

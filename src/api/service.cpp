@@ -232,6 +232,13 @@ void push_level(MTR_CXT_VAR& var) {
   std::memcpy(mirror.svc_id, level.svc_id, sizeof mirror.svc_id);
 }
 
+// A level without a record still has its own name, not that of a service that stood there before.
+void name_refused_level(MTR_CXT_VAR& var, Pairs pairs) {
+  SvcLevel& level = var.svc_stack[var.svc_depth - 1];
+  put_padded(level.gid, sizeof level.gid, pairs[kPairGid]);
+  put_padded(level.svc_id, sizeof level.svc_id, pairs[kPairSvcId]);
+}
+
 int start_service(MTR_CXT_VAR& var, int tid, Pairs pairs) {
   if (var.svc_depth < 0) return refuse_negative_depth(var, pairs);
   if (var.ptrc == nullptr) return TRAN_RC_NO_ENTRY;
@@ -243,8 +250,10 @@ int start_service(MTR_CXT_VAR& var, int tid, Pairs pairs) {
   set_depth(var, var.svc_depth + 1);
   const Text chnl_typ_cd = pairs[kPairChnlTypCd];
   if (const int rc = trace_validate(var, '1', kStartApi, var.rec, pairs[kPairSvcId], chnl_typ_cd);
-      rc != 0)
+      rc != 0) {
+    name_refused_level(var, pairs);
     return rc;
+  }
 
   if (var.svc_depth == 1) {
     if (var.log_bit != 0 && var.log_bit != (kStartBit | kEndBit))

@@ -108,7 +108,7 @@ void prepare_buffer(TRAN_LOGF_QUE_DATA& record, const MTR_CXT_VAR& var) {
   put_digits(record.view + kPidx.at, kPidx.width, var.ptrc - gvar.ptrc_hash_tbl->entries);
 }
 
-// A level whose start was refused is shown blank, not with what another thread left there.
+// No level shows what another thread left there.
 void clear_levels(MTR_CXT_VAR& var) {
   for (SvcLevel& level : var.svc_stack) {
     level = {};

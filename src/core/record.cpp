@@ -43,7 +43,7 @@ std::uint32_t queue_hash(MTR_CXT_VAR& var, const TRAN_LOGF_QUE_DATA& record) {
   static std::atomic<std::int64_t> last_looked[kMaxQueues];
   const std::int64_t second = time(nullptr);
   if (last_looked[que_no].exchange(second, std::memory_order_relaxed) == second) return false;
-  const int msqid = create_msgq(gvar.msgq_key + static_cast<std::int32_t>(que_no));
+  const int msqid = create_msgq(queue_key(gvar.msgq_key, que_no));
   if (msqid < 0) return false;
   store(gvar.msgq_id[que_no], msqid);
   return true;

@@ -207,8 +207,7 @@ int take_gid_range_size(const ConfigKey& key, const char* value) {
 int open_queues(const ConfigKey& key, const char* value) {
   if (!parse_ipc_key(key, value, &gvar.msgq_key)) return kFailed;
   for (int i = 0; i < gvar.msgq_cnt; ++i) {
-    gvar.msgq_id[i] = create_msgq(
-        static_cast<key_t>(static_cast<unsigned>(gvar.msgq_key) + static_cast<unsigned>(i)));
+    gvar.msgq_id[i] = create_msgq(queue_key(gvar.msgq_key, static_cast<std::uint32_t>(i)));
     if (gvar.msgq_id[i] < 0) {
       log_printf("<!> create fail msgq#%02d", i);
       return kFailed;

@@ -199,8 +199,8 @@ TEST_F(Validation, ASnapshotIsArmedOnlyOnceAndOnlyByAnOutermostStart) {
   for (const int snapshot : {1, 2, 3}) {
     for (const int depth : {1, 2}) {
       prepare({.is_on = true, .snapshot = snapshot, .depth = depth}, 0x01);
-      std::memset(entry.snapshot_tx_cd, 'A', sizeof entry.snapshot_tx_cd);  // not zero-ended
-      EXPECT_EQ(validate('1', "SVC", {"AAAAAAAAAAAAAAAA", -1}), 0);
+      std::memcpy(entry.snapshot_tx_cd, "ICT", 4);
+      EXPECT_EQ(validate('1', "SVC", {"ICT", 3}), 0);
       const bool begins = snapshot == 1 && depth == 1;
       EXPECT_EQ(entry.snapshot_state, begins ? 2 : snapshot);
       EXPECT_EQ(limits(), begins ? kOfSnapshot : depth == 1 ? kDefaults : kOfEntry);
@@ -308,6 +308,10 @@ TEST_F(Inside, TheStatisticsMessageAveragesTheServicesCalls) {
        {3, 0, 12'000, 0, 6, 5, 0, 2, 0},
        "Max Depth 2 ] [ BIZCALL(Method) 3건 (전체 Avg/Max   4.00/6 ms, 개별 Max 5 ms) ], "
        "[ DBIO 0건 (Avg/Max   0.00/0 ms)"},
+      {"halves, rounded to even",
+       {1, 1, 125, 375, 1, 1, 1, 0, 0},
+       "Max Depth 0 ] [ BIZCALL(Method) 1건 (전체 Avg/Max   0.12/1 ms, 개별 Max 1 ms) ], "
+       "[ DBIO 1건 (Avg/Max   0.38/1 ms)"},
       {"averages of other widths",
        {3, 2, 1'000, 2'469'136, 1, 1, 1'234, 0, 0},
        "Max Depth 0 ] [ BIZCALL(Method) 3건 (전체 Avg/Max   0.33/1 ms, 개별 Max 1 ms) ], "

@@ -15,6 +15,9 @@ const std::string kTopGid = kGid30 + "AB";
 TEST_F(Service, AStartOpensALevelThatItsEndCloses) {
   const std::int64_t before = time(nullptr);
   const auto records = trace([&] {
+    ASSERT_EQ(info({.gid = "G", .svc_id = "S"}), 0);
+    EXPECT_EQ(entry().tran_state, 'd');
+    entry().svc_mark_time = 0;
     ASSERT_EQ(start({.gid = "G", .svc_id = "S", .chnl_typ_cd = "WEB", .recv_svc_cd = "R"}), 0);
     EXPECT_EQ(entry().tran_state, 'f');
     EXPECT_EQ(entry().entry_depth, 1);
@@ -30,7 +33,7 @@ TEST_F(Service, AStartOpensALevelThatItsEndCloses) {
     EXPECT_GE(entry().svc_mark_time, before);
     EXPECT_EQ(error({}), TRAN_RC_DEPTH);
   });
-  EXPECT_EQ(types_of(records), "192");
+  EXPECT_EQ(types_of(records), "I192");
 }
 
 TEST_F(Service, InnerLevelsLeaveTheOutermostServicesEntryAsItIs) {
@@ -239,6 +242,7 @@ TEST_F(Service, TheResponseTimeIsTheTimeBetweenStartAndEnd) {
     const TimeVal& from = entry().svc_start_time;
     const TimeVal& to = entry().svc_end_time;
     EXPECT_GE(from.sec * 1'000'000 + from.usec, at[0]);
+    EXPECT_GE(to.sec * 1'000'000 + to.usec, at[2]);
     EXPECT_LE(to.sec * 1'000'000 + to.usec, at[3]);
   });
   ASSERT_EQ(types_of(records), "12");
@@ -309,6 +313,7 @@ TEST_F(Service, AnOutermostEndReportsTheStatisticsOfItsCalls) {
     ASSERT_EQ(start({.gid = "G", .svc_id = "S2"}), 0);
     entry().call_cnt = 3;
     ASSERT_EQ(end({}), 0);
+    EXPECT_EQ(error({}), 0) << "the outermost service has not ended";
     entry().fetch_rows = 7;
     entry().fetch_time = 12'005;
     std::strcpy(entry().db_user, "scott");
@@ -317,10 +322,10 @@ TEST_F(Service, AnOutermostEndReportsTheStatisticsOfItsCalls) {
     ASSERT_EQ(start({.gid = "G", .svc_id = "S1"}), 0);
     ASSERT_EQ(end({}), 0);
   });
-  ASSERT_EQ(types_of(records), "112I212");
-  EXPECT_EQ(text_of(records[3], kGid), "G");
-  EXPECT_EQ(text_of(records[3], kSvcId), "S1");
-  EXPECT_EQ(body_field(records[3], "message"),
+  ASSERT_EQ(types_of(records), "1129I212");
+  EXPECT_EQ(text_of(records[4], kGid), "G");
+  EXPECT_EQ(text_of(records[4], kSvcId), "S1");
+  EXPECT_EQ(body_field(records[4], "message"),
             euc_kr("처리 모듈(함수)통계 [ 총 호출 3 건 ] [ Max Depth 0 ] [ BIZCALL(Method) 0건 "
                    "(전체 Avg/Max   0.00/0 ms, 개별 Max 0 ms) ], [ DBIO 0건 (Avg/Max   0.00/0 ms) "
                    "fetch 7 rows (12.5 ms), (DBConn scott/ORCL) ]"));
@@ -378,8 +383,13 @@ TEST_F(Service, NoticesThatAreSwitchedOffDoNotStopTheService) {
     ASSERT_EQ(end({.gid = "G3"}), 0);
     entry().call_cnt = 1;
     ASSERT_EQ(end({}), 0);
+    collector.que_info().log_flag_set = 0xFF & ~0x04;
+    ASSERT_EQ(start({.gid = "G1", .svc_id = "S1"}), 0);
+    ASSERT_EQ(end({.gid = "G4", .svc_id = "S4"}), 0);
   });
-  EXPECT_EQ(types_of(records), "1122");
+  ASSERT_EQ(types_of(records), "11221II2");
+  EXPECT_EQ(text_of(records[6], kSvcId), "S4");
+  EXPECT_EQ(text_of(records[7], kSvcId), "S1");
   EXPECT_TRUE(collector.logged("(I) EVENT_GLOBAL_ID_CHANGED (GID G3) TRAN_EVENT ret = 100"));
 }
 

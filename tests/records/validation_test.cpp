@@ -150,6 +150,7 @@ TEST_F(Validated, AnEntryOfAnotherThreadIsRefusedAndLogged) {
     PTRC_HASH_ENT& mine = entry();
     mine.ent_tid = 9;
     EXPECT_EQ(info({.message = "m"}), TRAN_RC_FOREIGN_ENTRY);
+    EXPECT_EQ(error({}), TRAN_RC_FOREIGN_ENTRY);
     EXPECT_EQ(start({.gid = "G", .svc_id = "S"}), TRAN_RC_FOREIGN_ENTRY);
     mine.ent_tid = kThread;
     mine.ent_pid = 9;
