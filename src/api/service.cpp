@@ -1,6 +1,7 @@
 // TRAN_START, TRAN_END and TRAN_ERROR: the service levels of a thread.
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <iterator>
 
 #include "api/edge.h"
@@ -242,9 +243,8 @@ void name_refused_level(MTR_CXT_VAR& var, Pairs pairs) {
 int start_service(MTR_CXT_VAR& var, int tid, Pairs pairs) {
   if (var.svc_depth < 0) return refuse_negative_depth(var, pairs);
   if (var.ptrc == nullptr) return TRAN_RC_NO_ENTRY;
-  const TimeVal current = now();
   if (var.svc_depth >= kMaxSvcDepth) drop_overflowed_levels(var, pairs);
-  if (var.svc_depth > 0) settle_open_levels(var, pairs, current.sec);
+  if (var.svc_depth > 0) settle_open_levels(var, pairs, time(nullptr));
 
   // Before validation: a refused start counts as a level, which its end closes.
   set_depth(var, var.svc_depth + 1);
@@ -260,6 +260,7 @@ int start_service(MTR_CXT_VAR& var, int tid, Pairs pairs) {
       log_stray_log_bit(var, "START_BIT", tid, var.svc_stack[0], pairs);
     var.log_bit = kStartBit;
   }
+  const TimeVal current = now();
   const TimeVal moment = pairs[kPairTimeStr].given() ? current : start_moment(var, current);
   put_header(var, kKind<'1'>, pairs.first(kHeadPairs), pairs[kPairGid],
              stamp_of(var, current, moment));
