@@ -17,7 +17,7 @@ struct FieldText {
 };
 
 struct DecodedRecord {
-  bool malformed = false;            // not of a record's size: only `text` is there
+  bool malformed = false;  // not of a record's size: only `text` is there
   char rec_type = ' ';
   const RecordKind* kind = nullptr;  // null when malformed or of an unknown type
   std::uint32_t length = 0;          // the length word as sent
@@ -26,7 +26,8 @@ struct DecodedRecord {
 
 // Decodes a message whose text had `size` bytes. Every size and content is taken; what no table
 // covers is one field: "text" for a message of another size or the body of an unknown type, "tail"
-// for what follows the common part of a service record of another length. `data` must outlive `out`.
+// for what follows the common part of a service record of another length. `data` must outlive
+// `out`.
 void decode(const TRAN_LOGF_QUE_DATA& data, std::size_t size, DecodedRecord& out);
 
 // A field's bytes; empty when the record has none of that name.

@@ -22,7 +22,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr std::size_t kBatchRecords = 128;
-constexpr auto kIdle = seconds(1);            // without a record, before a reader lets itself be woken
+constexpr auto kIdle = seconds(1);  // without a record, before a reader lets itself be woken
 constexpr auto kLongestFarewell = seconds(1);  // of reading on while senders do not stop
 constexpr auto kShortestRest = microseconds(50);
 constexpr auto kLongestRest = milliseconds(10);
@@ -41,8 +41,7 @@ ssize_t receive_cut(int msqid, TRAN_LOGF_QUE_DATA& data) {
     std::int64_t mtype;
     char text[kRecordTextSize + 1];
   } message;
-  const ssize_t n =
-      msgrcv(msqid, &message, sizeof message.text, 0, MSG_NOERROR | IPC_NOWAIT);
+  const ssize_t n = msgrcv(msqid, &message, sizeof message.text, 0, MSG_NOERROR | IPC_NOWAIT);
   if (n >= 0) std::memcpy(&data, &message, sizeof data);
   return n;
 }
@@ -115,8 +114,8 @@ Drain::Drain(std::vector<int> msgq_ids, Consumer consumer, DrainOptions options)
 void Drain::stop() {
   if (!consumer_thread_.joinable()) return;
   stopping_.store(true);
-  // The message stays on the queue until a reader takes it, so one that is only about to fall asleep
-  // is woken too. A full queue takes none, and its reader does not sleep.
+  // The message stays on the queue until a reader takes it, so one that is only about to fall
+  // asleep is woken too. A full queue takes none, and its reader does not sleep.
   struct {
     long mtype = kWakeType;
     char text[1] = {};
@@ -158,13 +157,12 @@ void Drain::read_queue(int queue) {
     const bool stopping = stopping_.load();
     if (stopping && !farewell) {
       farewell = true;
-      farewell_end = now + kLongestFarewell;
+      farewell_end = Clock::now() + kLongestFarewell;
       owed = static_cast<std::size_t>(std::max(0L, get_msgq_num(msqid)));
     }
 
     Got got = Got::kRecord;
-    while (batch.count < kBatchRecords && (got == Got::kRecord || got == Got::kWake))
-      got = receive_next(false);
+    while (batch.count < kBatchRecords && got == Got::kRecord) got = receive_next(false);
     int fault = got == Got::kFault ? errno : 0;
     now = Clock::now();
     pace.count(batch.count, now);
@@ -179,7 +177,9 @@ void Drain::read_queue(int queue) {
         std::this_thread::yield();
       } else if (options_.waiting == Waiting::kRest && !idle) {
         std::this_thread::sleep_for(pace.rest());
-      } else {
+      } else if (!stopping_.load()) {
+        // Looked at again, after the queue was seen empty: a wake that found the queue full was not
+        // sent, and one that came during the pass is gone.
         if (receive_next(true) == Got::kFault) fault = errno;
         last_record = Clock::now();
       }
@@ -193,10 +193,10 @@ void Drain::reader_lost(int queue, int fault) {
   const int left = readers_left_.fetch_sub(1) - 1;
   if (!options_.on_reader_lost) return;
   const bool removed = fault == EIDRM || fault == EINVAL;
-  options_.on_reader_lost("queue " + std::to_string(queue) +
-                              (removed ? " was removed" : std::string(" cannot be read: ") +
-                                                              std::strerror(fault)),
-                          left);
+  options_.on_reader_lost(
+      "queue " + std::to_string(queue) +
+          (removed ? " was removed" : std::string(" cannot be read: ") + std::strerror(fault)),
+      left);
 }
 
 // Waits while the consumer is too far behind. Leaves an empty batch.

@@ -1,9 +1,9 @@
 // Reading the trace queues: one thread a queue receives, one thread hands on what was received.
 //
-// How a reader waits decides what the traced threads pay: a send that finds the reader asleep in the
-// kernel's receive has to wake it, which costs several times the send itself. So a reader takes all
-// there is, then rests on a timer for as long as the queue's room and the rate of its records allow,
-// and lets itself be woken only when nothing has come for a second.
+// How a reader waits decides what the traced threads pay: a send that finds the reader asleep in
+// the kernel's receive has to wake it, which costs several times the send itself. So a reader takes
+// all there is, then rests on a timer for as long as the queue's room and the rate of its records
+// allow, and lets itself be woken only when nothing has come for a second.
 #pragma once
 
 #include <atomic>
@@ -84,7 +84,7 @@ class Drain {
   std::condition_variable room_ready_;
   std::deque<Batch> batches_;
   std::vector<Batch> spare_batches_;  // full-sized ones that the consumer is done with
-  std::size_t buffered_ = 0;  // records in batches_ and in the consumer's hands
+  std::size_t buffered_ = 0;          // records in batches_ and in the consumer's hands
   bool readers_done_ = false;
 
   std::vector<std::thread> readers_;

@@ -71,7 +71,8 @@ std::string name_of(const ConfigKey& key, std::int64_t number) {
 }
 std::string name_of_queue(const CollectorSettings& settings, int queue) {
   return "queue " + std::to_string(queue) + " (" +
-         name_of(kTranLogfMsgqKey, settings.tran_logf_msgqkey) + " + " + std::to_string(queue) + ")";
+         name_of(kTranLogfMsgqKey, settings.tran_logf_msgqkey) + " + " + std::to_string(queue) +
+         ")";
 }
 
 enum class Found { kThere, kMissing, kForeign };
@@ -158,12 +159,12 @@ enum class Keys { kGiven, kNew };
 
 constexpr char kKeyInUse[] = "the key is in use";
 
-std::string why_no_segment(std::size_t size) {
+std::string why_no_segment() {
   const int fault = errno;
   std::string text = reason();
   if (fault == EINVAL)
     text += "; segments are limited to " + std::to_string(kernel_limit("shmmax")) +
-            " bytes: sysctl -w kernel.shmmax=" + std::to_string(size);
+            " bytes: sysctl -w kernel.shmmax=" + std::to_string(sizeof(PTRC_HASH_TBL));
   if (fault == ENOSPC)
     text += "; raise kernel.shmmni (now " + std::to_string(kernel_limit("shmmni")) +
             ") or kernel.shmall (now " + std::to_string(kernel_limit("shmall")) + " pages)";
@@ -182,7 +183,7 @@ bool make_segment(const SegmentRow& row, key_t key, Keys keys, int& shmid, Undo&
   shmid = shmget(key, row.size, IPC_CREAT | IPC_EXCL | kGrantAll | row.flags);
   if (shmid < 0) {
     error = name_of(row.key, key) + ": no segment of " + std::to_string(row.size) +
-            " bytes could be made: " + why_no_segment(row.size);
+            " bytes could be made: " + why_no_segment();
     return false;
   }
   undo.on_failure([id = shmid] { shmctl(id, IPC_RMID, nullptr); });
@@ -318,7 +319,8 @@ bool make_all(const CollectorSettings& settings, Keys keys, SharedObjects& out, 
       return false;
   out.msgq_ids.assign(static_cast<std::size_t>(settings.max_que_cnt), -1);
   for (std::size_t i = 0; i < out.msgq_ids.size(); ++i)
-    if (!make_queue(settings, static_cast<int>(i), keys, out.msgq_ids[i], undo, error)) return false;
+    if (!make_queue(settings, static_cast<int>(i), keys, out.msgq_ids[i], undo, error))
+      return false;
 
   if (!attach_all(out, error) ||
       !fill_if_new(kSvcHashTblSemKey, out.svc_hash_semid, *out.svc_hash_tbl, &init_svc_hash_tbl,
@@ -467,8 +469,7 @@ std::vector<std::string> queue_notes(const SharedObjects& objects) {
   if (least < static_cast<long>(kWishedRecords)) {
     notes.push_back("a queue holds only " + std::to_string(least) +
                     " records; what a burst sends beyond that is lost and counted as failed");
-    notes.push_back("for " + std::to_string(kWishedRecords) +
-                    " records: sysctl -w kernel.msgmnb=" +
+    notes.push_back("for " + std::to_string(kWishedRecords) + " records: sysctl -w kernel.msgmnb=" +
                     std::to_string(kWishedRecords * kRecordTextSize) +
                     ", then make the queues again");
   }

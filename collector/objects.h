@@ -25,11 +25,11 @@ struct SharedObjects {
   int created = 0;  // how many of them the call that filled this made; the others were there
 };
 
-// Makes what is missing (permissions 0666), adopts what is there, gives the queues the room they may
-// have, writes the tuning values and marks them ready last. A table is filled only when it is new, or
-// when its creator died before it was done. Counters and entries of adopted objects stay.
-// An object that is not what its key says, a segment of another size say, is not touched: false, with
-// the reason in `error`, and what this call had made is removed again.
+// Makes what is missing (permissions 0666), adopts what is there, gives the queues the room they
+// may have, writes the tuning values and marks them ready last. A table is filled only when it is
+// new, or when its creator died before it was done. Counters and entries of adopted objects stay.
+// An object that is not what its key says, a segment of another size say, is not touched: false,
+// with the reason in `error`, and what this call had made is removed again.
 bool create_objects(const CollectorSettings& settings, SharedObjects& out, std::string& error);
 
 // As create_objects, under keys that nobody used before; they are written into `settings`.
@@ -45,8 +45,8 @@ struct Removed {
   long records = 0;  // that were on the queues, and are lost with them
 };
 
-// Removes what exists under the settings' keys. Foreign objects are left alone: false then, and when
-// something may not be removed.
+// Removes what exists under the settings' keys. Foreign objects are left alone: false then, and
+// when something may not be removed.
 bool remove_objects(const CollectorSettings& settings, Removed& removed, std::string& error);
 
 // How many records the queue holds when nobody reads; -1 when it is gone.

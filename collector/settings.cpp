@@ -146,15 +146,17 @@ bool read_settings(const std::string& path, CollectorSettings& out, std::string&
     if (!file.read_number(row, out)) return false;
 
   if (!std::has_single_bit(static_cast<std::uint64_t>(out.que_cnt)))
-    return file.refuse(kQueCnt, 0, "is " + std::to_string(out.que_cnt) + "; it must be 1, 2, 4, 8 or 16");
+    return file.refuse(kQueCnt, 0,
+                       "is " + std::to_string(out.que_cnt) + "; it must be 1, 2, 4, 8 or 16");
   if (out.que_cnt > out.max_que_cnt)
     return file.refuse(kQueCnt, 0,
                        "is " + std::to_string(out.que_cnt) + ", more than " + kMaxQueCnt.key +
                            ", which is " + std::to_string(out.max_que_cnt));
   for (const KeyPair& pair : kKeyPairs)
     if (out.*pair.first_place == out.*pair.second_place)
-      return file.refuse(pair.second, 0,
-                         std::string("is the same key as ") + pair.first.key + "; each needs its own");
+      return file.refuse(
+          pair.second, 0,
+          std::string("is the same key as ") + pair.first.key + "; each needs its own");
   return true;
 }
 
@@ -185,7 +187,8 @@ std::string config_text(const ConfigValues& values) {
       text.append("\n[").append(section).append("]\n");
     }
     std::istringstream comment(key.comment);
-    for (std::string line; std::getline(comment, line);) text.append("# ").append(line).append("\n");
+    for (std::string line; std::getline(comment, line);)
+      text.append("# ").append(line).append("\n");
     const auto given = values.find(key.key);
     const std::string value = given == values.end() ? key.sample : given->second;
     text.append(key.key).append(" = ").append(value).append("\n");
@@ -194,9 +197,8 @@ std::string config_text(const ConfigValues& values) {
 }
 
 std::string agent_log_dir(const CollectorSettings& settings, const std::string& agt_home) {
-  const std::string home = settings.log_home.starts_with('/')
-                               ? settings.log_home
-                               : agt_home + "/" + settings.log_home;
+  const std::string home =
+      settings.log_home.starts_with('/') ? settings.log_home : agt_home + "/" + settings.log_home;
   return home + "/proc/libvarn";
 }
 

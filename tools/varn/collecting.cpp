@@ -56,12 +56,11 @@ Collecting::Collecting(const SharedObjects& objects, const OutputOptions& option
       fails_at_start_(fail_counts(*objects.que_info)),
       ended_fd_(eventfd(0, EFD_CLOEXEC)),
       out_(open_output(options.path)),
-      drain_(
-          objects.msgq_ids, [this](std::span<const RawRecord> records) { show(records); },
-          {.on_reader_lost = [this](const std::string& reason, int readers_left) {
-            std::fprintf(stderr, "varn: %s\n", reason.c_str());
-            if (readers_left == 0) end_early();
-          }}) {}
+      drain_(objects.msgq_ids, [this](std::span<const RawRecord> records) { show(records); },
+             {.on_reader_lost = [this](const std::string& reason, int readers_left) {
+               std::fprintf(stderr, "varn: %s\n", reason.c_str());
+               if (readers_left == 0) end_early();
+             }}) {}
 
 Collecting::~Collecting() {
   drain_.stop();

@@ -44,7 +44,8 @@ class SignalQueue {
 
 class Collecting {
  public:
-  // `objects` stay attached until after the summary. Throws Failure when the output cannot be opened.
+  // `objects` stay attached until after the summary. Throws Failure when the output cannot be
+  // opened.
   Collecting(const SharedObjects& objects, const OutputOptions& options);
   ~Collecting();
   Collecting(const Collecting&) = delete;

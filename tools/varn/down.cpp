@@ -14,7 +14,8 @@ void down(const std::string& path) {
   Removed removed;
   const bool done = remove_objects(settings, removed, error);
   std::cout << removed.objects << " shared objects removed";
-  if (removed.records > 0) std::cout << ", and " << removed.records << " records nobody had collected";
+  if (removed.records > 0)
+    std::cout << ", and " << removed.records << " records nobody had collected";
   std::cout << std::endl;
   if (!done) throw Failure(error);
 }

@@ -33,8 +33,7 @@ std::string quoted(const std::string& text) {
 void write_file(const std::string& path, const std::string& text, bool force) {
   const int fd =
       open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (force ? O_TRUNC : O_EXCL), 0644);
-  if (fd < 0 && errno == EEXIST)
-    throw Failure(path + " is there already; --force overwrites it");
+  if (fd < 0 && errno == EEXIST) throw Failure(path + " is there already; --force overwrites it");
   bool written = fd >= 0;
   for (std::size_t at = 0; written && at < text.size();) {
     const ssize_t n = write(fd, text.data() + at, text.size() - at);

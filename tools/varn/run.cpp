@@ -57,7 +57,8 @@ struct Home {
   // The paths are written into the file, where a token is short and has no blanks.
   bool make_under(const std::string& parent) {
     dir = parent + "/varn-run-XXXXXX";
-    if (tong_dir().size() > kMaxConfigToken || dir.find_first_of(" \t\r\n\v\f") != std::string::npos)
+    if (tong_dir().size() > kMaxConfigToken ||
+        dir.find_first_of(" \t\r\n\v\f") != std::string::npos)
       return false;
     return mkdtemp(dir.data()) != nullptr;
   }
@@ -77,7 +78,8 @@ struct PrivateObjects {
     detach_objects(objects);
     Removed removed;
     std::string error;
-    if (!remove_objects(settings, removed, error)) std::fprintf(stderr, "varn: %s\n", error.c_str());
+    if (!remove_objects(settings, removed, error))
+      std::fprintf(stderr, "varn: %s\n", error.c_str());
   }
   PrivateObjects(const PrivateObjects&) = delete;
   PrivateObjects& operator=(const PrivateObjects&) = delete;

@@ -119,9 +119,9 @@ std::size_t display_width(std::string_view text) {
     const auto byte = static_cast<unsigned char>(text[i]);
     if ((byte & 0xC0) == 0x80) continue;  // inside a character
     // Hangul, Hanja and full-width forms, all of three bytes, take two columns.
-    const bool wide = byte == 0xE1 || (byte >= 0xE3 && byte <= 0xED) ||
-                      (byte == 0xEF && i + 1 < text.size() &&
-                       static_cast<unsigned char>(text[i + 1]) < 0xBF);
+    const bool wide =
+        byte == 0xE1 || (byte >= 0xE3 && byte <= 0xED) ||
+        (byte == 0xEF && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xBF);
     width += wide ? 2 : 1;
   }
   return width;
@@ -140,14 +140,14 @@ std::string text_heading(const TextLines& lines) {
 
 std::string text_line(TextLines& lines, int queue, std::size_t size, const DecodedRecord& record) {
   if (record.malformed) {
-    const std::string bytes = size > kRecordTextSize ? "over " + std::to_string(kRecordTextSize)
-                                                     : std::to_string(size);
+    const std::string bytes =
+        size > kRecordTextSize ? "over " + std::to_string(kRecordTextSize) : std::to_string(size);
     return "malformed message of " + bytes + " bytes on queue " + std::to_string(queue) + ": " +
            field_text(record, "text");
   }
 
-  const auto depth =
-      static_cast<int>(std::min<std::uint64_t>(digits_of(field_of(record, kDepth.name)).value_or(0), 99));
+  const auto depth = static_cast<int>(
+      std::min<std::uint64_t>(digits_of(field_of(record, kDepth.name)).value_or(0), 99));
   Columns columns;
   columns[TextLines::kTime] = time_text(field_of(record, varn::kTime.name));
   columns[TextLines::kProcess] =
@@ -164,8 +164,7 @@ std::string text_line(TextLines& lines, int queue, std::size_t size, const Decod
 
   for (std::size_t i = 0; i < columns.size(); ++i)
     lines.width[i] = std::max(lines.width[i], display_width(columns[i]));
-  return join(lines.width, columns,
-              depth > 0 ? service_message(record) : coded_message(record));
+  return join(lines.width, columns, depth > 0 ? service_message(record) : coded_message(record));
 }
 
 }  // namespace varn

@@ -16,7 +16,8 @@ void add_run(CLI::App& app, const std::vector<std::string>& command, int& status
 
 inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
-// Of `run`, whose status is otherwise the command's; as other programs that start a command use them.
+// Of `run`, whose status is otherwise the command's; as other programs that start a command use
+// them.
 inline constexpr int kExitRunFailed = 125;
 inline constexpr int kExitNotExecutable = 126;
 inline constexpr int kExitNotFound = 127;
