@@ -19,7 +19,10 @@
  *                   Otherwise a code of `enum tran_rc`.
  *   Threads.        Every call may be made from any thread at any time. Made from a signal handler
  *                   that interrupted another of these calls, it touches nothing and returns
- *                   TRAN_RC_NOT_SENT. `errno` is left as it was.
+ *                   TRAN_RC_NOT_SENT; so does every later call of a thread that left one of them
+ *                   by longjmp. `errno` is left as it was. No call is a cancellation point.
+ *   Waiting.        A thread's first call may wait up to 2 seconds for the shared table's semaphore
+ *                   when its holder is stopped; no other call waits for anything.
  */
 #ifndef VARN_TRAN_H
 #define VARN_TRAN_H
@@ -66,7 +69,7 @@ enum tran_rc {
 /* Starts the agent in this process: reads the environment and the configuration file, attaches the
  * collector's shared objects, announces the process with event "1508" and prints the banner to
  * standard output (not with VARN_CONSOLE=off in the environment).
- * Returns 0, or 103, 104, 106, 107, 116 or 117. After a failure it may be called again.
+ * Returns 0, or 103, 104, 105, 106, 107, 116 or 117. After a failure it may be called again.
  * May wait for a bounded time (2 seconds) for the shared table's semaphore. */
 VARN_API int TRAN_INIT(void);
 
@@ -127,8 +130,8 @@ VARN_API int TRAN_DONE(void);
 VARN_API int TRAN_START(int tid TRAN_FIELD_PARAMETERS);
 
 /* Closes the thread's innermost service and sends record '2' with the GID and service id given at
- * its start; at the outermost level also with the response time in microseconds, the statistics of
- * its calls, and event "1801" when `gid` differs from the start's. A refused end closes the level.
+ * its start, and event "1801" when `gid` differs from that; at the outermost level also with the
+ * response time in microseconds and the statistics of its calls. A refused end closes the level.
  * Returns as TRAN_START; 123 when no service is open. */
 VARN_API int TRAN_END(int tid TRAN_FIELD_PARAMETERS);
 
@@ -179,7 +182,8 @@ VARN_API int TRAN_SET_SVCTIMEOUT(int tid);
 
 /* Whether a record of the type in the low byte of `rec_type` ('1', '2', '9', 'B', 'C', 'E', 'I',
  * 'Q', 'V', 'X') would be admitted now: 0, or 99, 100, 101, 103 or 126. '_' asks for the agent's
- * state alone. Cheap enough to ask before building a message. */
+ * state alone. Also 105 inside another call, and 107 where more than 4,096 threads are alive. Cheap
+ * enough to ask before building a message. */
 VARN_API int check_gvar(int rec_type);
 
 /* The byte of record kinds for a string of letters: S E V B C I X Q. Others are ignored; null
@@ -199,7 +203,7 @@ typedef struct tran_call_rc {
 
 /* The error class of a finished call: 0 none, 1 or 2 as configured for the magnitude of a negative
  * return code. A status of -1 sets the return code to 99 and gives 0. A null pointer gives 0,
- * and so does an agent that is not started, which changes nothing. */
+ * and so does any other outcome while the agent is not started. */
 VARN_API int is_err_rc(tran_call_rc* call);
 
 /* Writes one field of a record: `width` bytes of `dst`, from `src` cut or padded with blanks, and

@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
@@ -35,6 +36,7 @@ int set_fst_err_rc_set(const char* text) {
 
 int is_err_rc(tran_call_rc* call) {
   if (call == nullptr) return 0;
+  if (call->status == -1) return error_class(*call);  // needs no segment
   const Announced announced(kInCall);
   return announced.code() == 0 ? error_class(*call) : 0;
 }
@@ -58,15 +60,22 @@ int read_config(void) {
   if (path == nullptr || second - looked < kLookEverySec ||
       !last_look.compare_exchange_strong(looked, second))
     return 0;
-  const Announced announced(kInStartStop);
   struct stat file = {};
-  if (announced.code() != 0 || stat(path, &file) != 0) return 0;
+  const int saved_errno = errno;
+  const bool has_file = stat(path, &file) == 0;
+  errno = saved_errno;
+  if (!has_file) return 0;
   const std::int64_t before = last_change.exchange(file.st_mtime);
   if (before == 0 || before == file.st_mtime) return 0;
-  log_printf("@@@ Config-File 수정 확인\n");
+  const Announced announced(kInCall);
+  if (announced.code() == 0) log_printf("@@@ Config-File 수정 확인\n");
   return 1;
 }
 
-void print_logo(void) { show_banner(); }
+void print_logo(void) {
+  const int saved_errno = errno;
+  show_banner();
+  errno = saved_errno;
+}
 
 }  // extern "C"

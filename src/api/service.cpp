@@ -112,8 +112,9 @@ Stamp stamp_of(MTR_CXT_VAR& var, const TimeVal& current, const TimeVal& moment) 
 }
 
 // A depth that cannot be, and what becomes of it where it changes.
-[[gnu::cold]] void log_depth_error(const MTR_CXT_VAR& var, const char* what, int new_depth,
-                                   Pairs pairs) {
+[[gnu::cold]] void log_depth_error(LogLimit& limit, const MTR_CXT_VAR& var, const char* what,
+                                   int new_depth, Pairs pairs) {
+  if (!may_log(limit)) return;
   char value[32];
   if (new_depth == var.svc_depth)
     std::snprintf(value, sizeof value, "%d", var.svc_depth);
@@ -121,19 +122,21 @@ Stamp stamp_of(MTR_CXT_VAR& var, const TimeVal& current, const TimeVal& moment) 
     std::snprintf(value, sizeof value, "(%d)->(%d)", var.svc_depth, new_depth);
   const std::string_view gid = shown_gid(pairs);
   const std::string_view svc_id = shown_svc_id(pairs);
-  VARN_LOG_LIMITED("<!> %s!(val:%s (MAX:%d)) GID-PID-TID|%.*s|-|%d|-|%lu|, SVC (%.*s).", what,
-                   value, kMaxSvcDepth, VARN_SV(gid), var.pid, var.tid, VARN_SV(svc_id));
+  log_printf("<!> %s!(val:%s (MAX:%d)) GID-PID-TID|%.*s|-|%d|-|%lu|, SVC (%.*s).", what, value,
+             kMaxSvcDepth, VARN_SV(gid), var.pid, var.tid, VARN_SV(svc_id));
 }
 
 // ---- Start ----
 
 [[gnu::cold]] int refuse_negative_depth(const MTR_CXT_VAR& var, Pairs pairs) {
-  log_depth_error(var, "START service_depth minus error", var.svc_depth, pairs);
+  static LogLimit limit;
+  log_depth_error(limit, var, "START service_depth minus error", var.svc_depth, pairs);
   return TRAN_RC_DEPTH;
 }
 
 [[gnu::cold]] void drop_overflowed_levels(MTR_CXT_VAR& var, Pairs pairs) {
-  log_depth_error(var, "START service_depth MAX error", var.svc_depth, pairs);
+  static LogLimit limit;
+  log_depth_error(limit, var, "START service_depth MAX error", var.svc_depth, pairs);
   set_depth(var, 0);
 }
 
@@ -223,14 +226,20 @@ void stamp_entry(MTR_CXT_VAR& var, const TimeVal& current) {
   var.svc_call_stat = {};
 }
 
-void push_level(MTR_CXT_VAR& var) {
+// Shows the innermost level in the thread's shared entry.
+void mirror_level(MTR_CXT_VAR& var) {
+  const SvcLevel& level = var.svc_stack[var.svc_depth - 1];
+  EntryLevel& mirror = var.ptrc->entry_stack[var.svc_depth - 1];
+  std::memcpy(mirror.gid, level.gid, sizeof mirror.gid);
+  std::memcpy(mirror.svc_id, level.svc_id, sizeof mirror.svc_id);
+}
+
+void name_level(MTR_CXT_VAR& var) {
   const char* const view = var.rec.view;
   SvcLevel& level = var.svc_stack[var.svc_depth - 1];
   std::memcpy(level.gid, view + kGid.at, sizeof level.gid);
   std::memcpy(level.svc_id, view + kSvcId.at, sizeof level.svc_id);
-  EntryLevel& mirror = var.ptrc->entry_stack[var.svc_depth - 1];
-  std::memcpy(mirror.gid, level.gid, sizeof mirror.gid);
-  std::memcpy(mirror.svc_id, level.svc_id, sizeof mirror.svc_id);
+  mirror_level(var);
 }
 
 // A level without a record still has its own name, not that of a service that stood there before.
@@ -238,6 +247,7 @@ void name_refused_level(MTR_CXT_VAR& var, Pairs pairs) {
   SvcLevel& level = var.svc_stack[var.svc_depth - 1];
   put_padded(level.gid, sizeof level.gid, pairs[kPairGid]);
   put_padded(level.svc_id, sizeof level.svc_id, pairs[kPairSvcId]);
+  mirror_level(var);
 }
 
 int start_service(MTR_CXT_VAR& var, int tid, Pairs pairs) {
@@ -251,7 +261,7 @@ int start_service(MTR_CXT_VAR& var, int tid, Pairs pairs) {
   const Text chnl_typ_cd = pairs[kPairChnlTypCd];
   if (const int rc = trace_validate(var, '1', kStartApi, var.rec, pairs[kPairSvcId], chnl_typ_cd);
       rc != 0) {
-    name_refused_level(var, pairs);
+    if (rc != TRAN_RC_FOREIGN_ENTRY) name_refused_level(var, pairs);
     return rc;
   }
 
@@ -266,19 +276,21 @@ int start_service(MTR_CXT_VAR& var, int tid, Pairs pairs) {
              stamp_of(var, current, moment));
   put_service(var, kKind<'1'>, pairs, 0, 0);
   if (var.svc_depth == 1) stamp_entry(var, current);
-  push_level(var);
+  name_level(var);
   return tran_logb(var, var.rec);
 }
 
 // ---- End ----
 
 [[gnu::cold]] int refuse_end_without_service(const MTR_CXT_VAR& var, Pairs pairs) {
-  log_depth_error(var, "END service_depth error", var.svc_depth, pairs);
+  static LogLimit limit;
+  log_depth_error(limit, var, "END service_depth error", var.svc_depth, pairs);
   return TRAN_RC_DEPTH;
 }
 
 [[gnu::cold]] int refuse_end_beyond_stack(MTR_CXT_VAR& var, Pairs pairs) {
-  log_depth_error(var, "END service_depth max error", var.svc_depth - 1, pairs);
+  static LogLimit limit;
+  log_depth_error(limit, var, "END service_depth max error", var.svc_depth - 1, pairs);
   --var.svc_depth;
   return TRAN_RC_DEPTH;
 }

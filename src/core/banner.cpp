@@ -23,7 +23,8 @@ static_assert(sizeof kBanner == 8 * 82 + 1, "eight lines of 81 characters");
 }  // namespace
 
 void show_banner() {
-  if (!console_is_off()) std::fputs(kBanner, stdout);
+  // Flushed, so that no child that the host forks later prints it again.
+  if (!console_is_off() && std::fputs(kBanner, stdout) >= 0) std::fflush(stdout);
 }
 
 }  // namespace varn

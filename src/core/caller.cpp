@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <ctime>
 
 #include "util/fence.h"
 
@@ -22,7 +23,8 @@ bool is_inside(const Caller& caller) {
 
 bool take_over(Caller& caller, std::int32_t kernel_tid) {
   std::int32_t owner = caller.kernel_tid.load(std::memory_order_relaxed);
-  if (owner != 0 && thread_exists(owner)) return false;
+  // This thread has no record: one with its id is that of an ended thread that had the id before.
+  if (owner != 0 && owner != kernel_tid && thread_exists(owner)) return false;
   if (!caller.kernel_tid.compare_exchange_strong(owner, kernel_tid, std::memory_order_acq_rel))
     return false;
   caller.state.store(kOutside, std::memory_order_release);
@@ -35,13 +37,20 @@ bool take_over(Caller& caller, std::int32_t kernel_tid) {
 constinit thread_local Caller* my_caller = nullptr;
 
 Caller* claim_caller() {
+  // Where all records are taken, a search of them all is made once a second, not at every call.
+  static std::atomic<std::int64_t> full_in;
+  const std::int64_t second = time(nullptr);
+  if (full_in.load(std::memory_order_relaxed) == second) return nullptr;
+
   const int saved_errno = errno;
   const std::int32_t kernel_tid = gettid();
+  const std::uint32_t first = next_caller.fetch_add(1, std::memory_order_relaxed);
   Caller* claimed = nullptr;
-  for (int tries = 0; tries < kMaxCallers && claimed == nullptr; ++tries) {
-    Caller& caller = callers[next_caller.fetch_add(1, std::memory_order_relaxed) % kMaxCallers];
+  for (std::uint32_t n = 0; n < kMaxCallers && claimed == nullptr; ++n) {
+    Caller& caller = callers[(first + n) % kMaxCallers];
     if (take_over(caller, kernel_tid)) claimed = &caller;
   }
+  if (claimed == nullptr) full_in.store(second, std::memory_order_relaxed);
   my_caller = claimed;
   errno = saved_errno;
   return claimed;

@@ -1,6 +1,7 @@
 #include "core/context.h"
 
 #include <sys/sem.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -14,6 +15,7 @@
 #include "core/gvar.h"
 #include "core/tran_ex.h"
 #include "hash/get_ptrc_hash.h"
+#include "util/cancel_guard.h"
 #include "util/log_printf.h"
 #include "util/sem.h"
 #include "util/shared_word.h"
@@ -164,6 +166,8 @@ int claim_context(Caller& caller, MtrTidIdx& bucket, std::uint64_t tid, MTR_CXT_
   check_mtr_cxt_var(bucket, &caller);
   MTR_CXT_VAR* const var = get_empty_mtr_cxt_var(gvar.mtr_cxt_var[bucket.idx]);
   if (bucket.cnt == kBucketContexts || var == nullptr) return TRAN_RC_NO_CONTEXT;
+  if (find_slot(bucket, tid) != nullptr)
+    return TRAN_RC_NO_CONTEXT;  // its last user is inside a call
 
   var->pid = gvar.pid;
   var->tid = tid;
@@ -197,6 +201,7 @@ bool is_same_thread(const MTR_CXT_VAR& var, const Caller& caller, int tid) {
 }
 
 [[gnu::cold, gnu::noinline]] int search_context(Caller& caller, int tid, MTR_CXT_VAR** out) {
+  const CancelGuard not_cancelled;
   const std::uint64_t id = get_tid(caller, tid);
   MtrTidIdx& bucket = bucket_of(id);
   const BucketGuard guard(bucket);
@@ -221,10 +226,9 @@ void release_context(MtrTidIdx& bucket, int place) {
   PTRC_HASH_ENT* const ptrc = var.ptrc;
   if (ptrc == nullptr) {
     log_printf(
-        "(I) mtr_tid_idx[%04d - %d of %d] pid(%d/?"
-        "?)-tid(%lu/?"
-        "?) closing error. get_ptrc is "
-        "[ null ]",
+        "(I) mtr_tid_idx[%04d - %d of %d] pid(%d/?\?)-tid(%lu/?\?) closing error. get_ptrc is [ "
+        "null "
+        "]",
         bucket.idx, place + 1, bucket.cnt, var.pid, var.tid);
   } else {
     const std::int32_t ent_pid = load(ptrc->ent_pid);
@@ -261,7 +265,8 @@ TableLock::TableLock() : entered_(false) {
 }
 
 TableLock::~TableLock() {
-  if (entered_) sem_unlock(gvar.ptrc_hash_semid, 0, SEM_UNDO);
+  // A child forked meanwhile, by a signal handler, never took it.
+  if (entered_ && getpid() == gvar.pid) sem_unlock(gvar.ptrc_hash_semid, 0, SEM_UNDO);
 }
 
 std::uint64_t get_tid(const Caller& caller, int tid) {
@@ -368,6 +373,11 @@ bool init_contexts() {
   for (int i = 0; i < kBuckets; ++i) {
     MtrTidIdx& bucket = gvar.mtr_tid_idx[i];
     bucket.idx = i;
+    for (MTR_CXT_VAR& var : gvar.mtr_cxt_var[i]) {
+      if (var.in_use == 0) continue;                  // its page stays untouched
+      store_release(var.claim_no, std::uint64_t{0});  // a forked child: the parent's thread's
+      var.in_use = 0;
+    }
     if (pthread_mutex_init(&bucket.bucket_lock, nullptr) != 0) return false;
   }
   buckets_ready = true;
@@ -375,6 +385,8 @@ bool init_contexts() {
 }
 
 void forget_contexts() { buckets_ready = false; }
+
+bool has_contexts() { return buckets_ready; }
 
 void release_contexts() {
   buckets_ready = false;

@@ -43,6 +43,7 @@ void set_cont_nm(const char* block, std::size_t len, char* out, const char* name
 bool init_contexts();
 void release_contexts();
 void forget_contexts();
+bool has_contexts();  // initialised and not released
 
 // Host-wide lock on the process-thread table. Waiting for it is bounded, and after a failure this
 // process leaves it alone for a second: a holder that is stopped must not stop the host.

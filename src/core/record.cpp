@@ -34,7 +34,8 @@ std::uint32_t queue_hash(MTR_CXT_VAR& var, const TRAN_LOGF_QUE_DATA& record) {
 }
 
 [[gnu::cold, gnu::noinline]] int count_failed_send(std::uint32_t que_no) {
-  if (que_no < kMaxQueues) add(gvar.que_info->que_fail_cnt[que_no], 1U);
+  // A number past the last queue has no counter of its own, but every lost record is counted.
+  add(gvar.que_info->que_fail_cnt[que_no % kMaxQueues], 1U);
   return TRAN_RC_NOT_SENT;
 }
 
@@ -43,7 +44,7 @@ std::uint32_t queue_hash(MTR_CXT_VAR& var, const TRAN_LOGF_QUE_DATA& record) {
   static std::atomic<std::int64_t> last_looked[kMaxQueues];
   const std::int64_t second = time(nullptr);
   if (last_looked[que_no].exchange(second, std::memory_order_relaxed) == second) return false;
-  const int msqid = create_msgq(queue_key(gvar.msgq_key, que_no));
+  const int msqid = create_msgq(gvar.msgq_key + static_cast<key_t>(que_no));
   if (msqid < 0) return false;
   store(gvar.msgq_id[que_no], msqid);
   return true;
@@ -82,7 +83,12 @@ void put_header(MTR_CXT_VAR& var, const RecordKind& kind, Pairs head, Text gid,
 }
 
 void put_fields(char* view, std::span<const Field> fields, Pairs texts) {
-  for (std::size_t i = 0; i < fields.size(); ++i) put_field(view, fields[i], texts[i]);
+  // Blank once, then what is given: most texts of a service are not.
+  std::memset(view + fields.front().at, ' ', fields.back().end() - fields.front().at);
+  for (std::size_t i = 0; i < fields.size(); ++i) {
+    const std::size_t n = texts[i].size(fields[i].width);
+    if (n != 0) std::memcpy(view + fields[i].at, texts[i].ptr, n);
+  }
 }
 
 void close_record(MTR_CXT_VAR& var, const RecordKind& kind) {

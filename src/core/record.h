@@ -17,6 +17,7 @@ TimeVal now();
 // a call's; `gid` stands for its GID.
 void put_header(MTR_CXT_VAR& var, const RecordKind& kind, Pairs head, Text gid, const Stamp& stamp);
 
+// Fills neighbouring fields, none of whose texts may lie in them.
 void put_fields(char* view, std::span<const Field> fields, Pairs texts);
 
 // Sets the length and blanks what a longer record left behind the body.

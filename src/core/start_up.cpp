@@ -23,6 +23,7 @@ namespace varn {
 namespace {
 
 constexpr int kFailed = TRAN_RC_NOT_STARTED;
+constexpr std::int64_t kMostKey = std::numeric_limits<key_t>::max();
 constexpr char kLogTitle[] = "libvarn";
 constexpr int kMostLogHome = 240;  // so that the log's directory below it still fits
 
@@ -53,12 +54,10 @@ int take_number(const ConfigKey& key, const char* value) {
   return 0;
 }
 
-// Keys of IPC objects are 32 bits; some write them as unsigned numbers.
-bool parse_ipc_key(const ConfigKey& key, const char* value, key_t* out) {
+// A key of 0 would make the kernel create an object instead of finding one.
+bool parse_ipc_key(const ConfigKey& key, const char* value, std::int64_t most, key_t* out) {
   std::int64_t number = 0;
-  if (!parse_number(key, value, std::numeric_limits<std::int32_t>::min(),
-                    std::numeric_limits<std::uint32_t>::max(), &number))
-    return false;
+  if (!parse_number(key, value, 1, most, &number)) return false;
   *out = static_cast<key_t>(number);
   return true;
 }
@@ -112,7 +111,7 @@ int take_tr_section(const ConfigKey&, const char* value) {
 
 int attach_que_info(const ConfigKey& key, const char* value) {
   key_t shm_key = 0;
-  if (!parse_ipc_key(key, value, &shm_key)) return kFailed;
+  if (!parse_ipc_key(key, value, kMostKey, &shm_key)) return kFailed;
   switch (attach_segment(shm_key, &gvar.que_info_shmid, &gvar.que_info)) {
     case Attach::kNoSegment:
       log_printf("<!> tran_init fail, shared-memory initialize [TRAN_LOGF_QUE_INFO], errno : %d",
@@ -134,7 +133,7 @@ int attach_table(const ConfigKey& key, const char* value, const char* name, std:
                  Segment** segment) {
   constexpr int kSize = sizeof(Segment);
   key_t shm_key = 0;
-  if (!parse_ipc_key(key, value, &shm_key)) return kFailed;
+  if (!parse_ipc_key(key, value, kMostKey, &shm_key)) return kFailed;
   switch (attach_segment(shm_key, shmid, segment)) {
     case Attach::kNoSegment:
       log_printf("<!> tran_init fail, shared-memory initialize [%s] ( %d bytes)", name, kSize);
@@ -160,7 +159,7 @@ int keep_shm_key(const ConfigKey&, const char* value) {
 
 int take_semaphore(const ConfigKey& key, const char* value, const char* name, std::int32_t* semid) {
   key_t sem_key = 0;
-  if (!parse_ipc_key(key, value, &sem_key)) return kFailed;
+  if (!parse_ipc_key(key, value, kMostKey, &sem_key)) return kFailed;
   *semid = create_sem(sem_key, 1);
   if (*semid >= 0) return 0;
   log_printf("<!> %s semaphore create error.[key:0x%x]", name, static_cast<unsigned>(sem_key));
@@ -205,9 +204,9 @@ int take_gid_range_size(const ConfigKey& key, const char* value) {
 }
 
 int open_queues(const ConfigKey& key, const char* value) {
-  if (!parse_ipc_key(key, value, &gvar.msgq_key)) return kFailed;
+  if (!parse_ipc_key(key, value, kMostKey - (gvar.msgq_cnt - 1), &gvar.msgq_key)) return kFailed;
   for (int i = 0; i < gvar.msgq_cnt; ++i) {
-    gvar.msgq_id[i] = create_msgq(queue_key(gvar.msgq_key, static_cast<std::uint32_t>(i)));
+    gvar.msgq_id[i] = create_msgq(gvar.msgq_key + i);
     if (gvar.msgq_id[i] < 0) {
       log_printf("<!> create fail msgq#%02d", i);
       return kFailed;

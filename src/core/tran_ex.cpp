@@ -13,6 +13,7 @@
 #include "core/context.h"
 #include "core/notice.h"
 #include "core/start_up.h"
+#include "util/cancel_guard.h"
 #include "util/fence.h"
 #include "util/log_printf.h"
 #include "util/message.h"
@@ -33,7 +34,7 @@ class [[nodiscard]] MainGuard {
   MainGuard& operator=(const MainGuard&) = delete;
 };
 
-// Released contexts need no zeroing: a claim fills what it uses.
+// The contexts need no zeroing: those in use are given back apart, and a claim fills what it uses.
 void clear_gvar() {
   constexpr std::size_t kContextsAt = offsetof(Gvar, mtr_cxt_var);
   std::memset(reinterpret_cast<char*>(&gvar) + kZeroedFrom, 0, kContextsAt - kZeroedFrom);
@@ -156,9 +157,11 @@ int detach_all() {
 
 // 0, or negative when something stays attached for the next start.
 int tran_destroy(const Caller& self) {
-  if (!is_started()) return 0;
+  // What a failed start or a failed stop left behind is released too.
+  const bool was_started = is_started();
+  if (!was_started && !has_contexts()) return 0;
   store_release(gvar.init_mark, kNeverStarted);
-  usleep(kDrainPauseMs * 1000);
+  if (was_started) usleep(kDrainPauseMs * 1000);
   if (!wait_for_callers(&self, kDrainWaitMs)) {
     log_printf("<!> a traced call is still under way, nothing is detached");
     return -1;
@@ -183,6 +186,7 @@ int error_class(tran_call_rc& result) {
 }
 
 int start_agent() {
+  const CancelGuard not_cancelled;
   Announced announced(kInStartStop);
   if (announced.code() != 0) return announced.code();
   const MainGuard guard;
@@ -191,6 +195,7 @@ int start_agent() {
 }
 
 int stop_agent() {
+  const CancelGuard not_cancelled;
   Announced announced(kInStartStop);
   if (announced.code() != 0) return TRAN_RC_FAILED;
   const MainGuard guard;

@@ -12,7 +12,7 @@ struct Stamp {
 
 // In a place that one thread at a time uses. All zero is empty.
 struct StampCache {
-  std::int64_t second;        // whose text `date` and `time` hold; 0: none
+  std::int64_t second;        // whose text `date` and `time` hold
   std::int64_t offset_from;   // seconds from which `utc_offset` holds,
   std::int64_t offset_until;  // and from which it no longer does
   std::int64_t utc_offset;    // seconds east of Greenwich

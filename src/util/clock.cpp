@@ -69,7 +69,7 @@ void refresh_second(StampCache& cache, std::int64_t sec) {
 }  // namespace
 
 Stamp local_stamp(StampCache& cache, std::int64_t sec, std::int64_t usec) {
-  if (sec != cache.second) [[unlikely]]
+  if (sec != cache.second || cache.date[0] == '\0') [[unlikely]]
     refresh_second(cache, std::clamp<std::int64_t>(sec, 0, kLastSecond));
   Stamp stamp;
   std::memcpy(stamp.date, cache.date, sizeof stamp.date);

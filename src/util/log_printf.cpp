@@ -10,6 +10,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "util/cancel_guard.h"
+
 namespace varn {
 namespace {
 
@@ -18,17 +20,61 @@ constexpr std::size_t kMostPrefix = 64;
 
 struct LogState {
   std::atomic<int> fd{-1};
-  std::atomic<int> cur_day{-1};        // day of the year of the open file
+  std::atomic<int> cur_day{-1};  // day of the year of the open file
+  std::atomic<dev_t> device{0};  // of the open file, as the next
+  std::atomic<ino_t> inode{0};
   std::atomic<bool> switching{false};  // one thread at a time switches the file
   char log_dir[256] = {};
   char log_title[256] = {};
 };
 LogState log_state;
 
-struct tm local_time(time_t now) {
+struct tm local_time() {
+  const time_t now = time(nullptr);
   struct tm local = {};
   localtime_r(&now, &local);
   return local;
+}
+
+// "2018-05-18", of the file's name. Sets the day that the open file is for.
+void get_cur_date(char (&date_str)[32]) {
+  const struct tm local = local_time();
+  std::strftime(date_str, sizeof date_str, "%Y-%m-%d", &local);
+  log_state.cur_day.store(local.tm_yday);
+}
+
+// "05-18 10:20:30  ", of a line.
+void get_cur_time(char (&time_str)[32]) {
+  const struct tm local = local_time();
+  std::strftime(time_str, sizeof time_str, "%m-%d %T  ", &local);
+}
+
+void remember_file(int fd) {
+  struct stat file = {};
+  fstat(fd, &file);
+  log_state.device.store(file.st_dev);
+  log_state.inode.store(file.st_ino);
+}
+
+// A host that closes descriptors it does not know, as daemons do, may have the number in use for a
+// file of its own: then it is no longer the log's.
+bool is_still_ours(int fd) {
+  struct stat file = {};
+  return fd >= 0 && fstat(fd, &file) == 0 && file.st_dev == log_state.device.load() &&
+         file.st_ino == log_state.inode.load();
+}
+
+// While another thread switches the file, the number stands for the old or the new one.
+bool may_write(int fd) {
+  return is_still_ours(fd) || (fd >= 0 && log_state.switching.load()) || is_still_ours(fd);
+}
+
+// Never one of the three numbers that the host's console has or may have again.
+int away_from_console(int fd) {
+  if (fd < 0 || fd > STDERR_FILENO) return fd;
+  const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  close(fd);
+  return moved;
 }
 
 // The process's file-creation mask is the host's: changing it, even for a moment, would show in
@@ -47,13 +93,12 @@ int open_appending(const char* path, unsigned mask) {
   return -1;
 }
 
-int open_days_file(const struct tm& local, unsigned mask) {
+int open_days_file(unsigned mask) {
   char date[32];
-  std::strftime(date, sizeof date, "%Y-%m-%d", &local);
+  get_cur_date(date);
   char path[sizeof log_state.log_dir + sizeof log_state.log_title + 64];
   std::snprintf(path, sizeof path, "%s/%s-%s-log", log_state.log_dir, log_state.log_title, date);
-  log_state.cur_day.store(local.tm_yday);
-  return open_appending(path, mask);
+  return away_from_console(open_appending(path, mask));
 }
 
 // False for a name that does not fit: a shortened path is another path.
@@ -64,20 +109,37 @@ bool put_name(char (&place)[256], const char* name) {
   return true;
 }
 
+// With one thread at a time. Others may be writing to the old descriptor, so another file takes its
+// number in one step; where there is no new file, messages are dropped until the next change of
+// day.
+void switch_file() {
+  const int old_fd = is_still_ours(log_state.fd.load()) ? log_state.fd.load() : -1;
+  int new_fd = open_days_file(0);
+  if (old_fd >= 0 && new_fd < 0) new_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (new_fd >= 0) remember_file(new_fd);
+  if (old_fd < 0) {
+    log_state.fd.store(new_fd);
+  } else if (new_fd >= 0) {
+    dup3(new_fd, old_fd, O_CLOEXEC);
+    close(new_fd);
+  }
+}
+
 }  // namespace
 
 int open_log(const char* dir, const char* title, unsigned mask) {
   if (log_state.fd.load() >= 0) return 0;
   if (!put_name(log_state.log_dir, dir) || !put_name(log_state.log_title, title)) return -1;
   if (log_state.log_dir[0] == '\0') return -1;
-  const int fd = open_days_file(local_time(time(nullptr)), mask);
+  const int fd = open_days_file(mask);
+  if (fd >= 0) remember_file(fd);
   log_state.fd.store(fd);
   return fd >= 0 ? 0 : -1;
 }
 
 void close_log() {
   const int fd = log_state.fd.exchange(-1);
-  if (fd >= 0) close(fd);
+  if (is_still_ours(fd)) close(fd);
 }
 
 void forget_log() {
@@ -87,23 +149,9 @@ void forget_log() {
 }
 
 void check_day() {
-  if (log_state.log_dir[0] == '\0') return;
-  const struct tm local = local_time(time(nullptr));
-  if (local.tm_yday == log_state.cur_day.load()) return;
+  if (log_state.log_dir[0] == '\0' || local_time().tm_yday == log_state.cur_day.load()) return;
   if (log_state.switching.exchange(true)) return;
-  if (local.tm_yday != log_state.cur_day.load()) {
-    const int old_fd = log_state.fd.load();
-    int new_fd = open_days_file(local, 0);
-    if (old_fd < 0) {
-      log_state.fd.store(new_fd);
-    } else {
-      // Threads may be writing to the old descriptor, so another file takes its number in one step;
-      // where there is no new file, messages are dropped until the next change of day.
-      if (new_fd < 0) new_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
-      dup3(new_fd, old_fd, O_CLOEXEC);
-      close(new_fd);
-    }
-  }
+  if (local_time().tm_yday != log_state.cur_day.load()) switch_file();
   log_state.switching.store(false);
 }
 
@@ -116,13 +164,13 @@ int log_printf(const char* format, ...) {
   if (formatted <= 0) return formatted;
   const std::size_t n = std::strlen(line + kMostPrefix);
 
+  const CancelGuard not_cancelled;
   check_day();
   const int fd = log_state.fd.load();
-  if (fd < 0) return 0;
+  if (!may_write(fd)) return 0;
 
-  const struct tm local = local_time(time(nullptr));
   char stamp[32];
-  std::strftime(stamp, sizeof stamp, "%m-%d %T  ", &local);
+  get_cur_time(stamp);
   char prefix[kMostPrefix];
   const auto prefix_size =
       static_cast<std::size_t>(std::snprintf(prefix, sizeof prefix, "(%d) %s", getpid(), stamp));

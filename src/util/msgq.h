@@ -5,14 +5,8 @@
 #include <sys/ipc.h>
 
 #include <cstddef>
-#include <cstdint>
 
 namespace varn {
-
-// The key of a queue in a row of queues; keys go round like the 32-bit numbers they are.
-constexpr key_t queue_key(key_t first, std::uint32_t queue_no) {
-  return static_cast<key_t>(static_cast<std::uint32_t>(first) + queue_no);
-}
 
 // The id of the queue that exists under the key, or -1.
 int create_msgq(key_t key);

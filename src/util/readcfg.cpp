@@ -1,5 +1,6 @@
 #include "util/readcfg.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
