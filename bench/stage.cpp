@@ -58,7 +58,7 @@ PrivateObjects::PrivateObjects(const std::string& config) {
 
 PrivateObjects::~PrivateObjects() {
   detach_objects(shared);
-  int removed = 0;
+  Removed removed;
   std::string error;
   if (!remove_objects(settings, removed, error))
     std::fprintf(stderr, "varn_bench: %s\n", error.c_str());

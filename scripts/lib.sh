@@ -16,12 +16,14 @@ die() {
   exit 1
 }
 
-# Shows what a command printed only when it failed or warned.
+# Shows what a command printed, without its lines of progress, when it failed or warned.
 quietly() {
   local log rc=0
   log=$(mktemp)
   "$@" >"$log" 2>&1 </dev/null || rc=$?
-  if [ "$rc" -ne 0 ] || grep -q 'warning:' "$log"; then cat "$log" >&2; fi
+  if [ "$rc" -ne 0 ] || grep -qE 'warning:|CMake Warning' "$log"; then
+    sed '/^\[[0-9]*\/[0-9]*\] /d' "$log" >&2
+  fi
   rm -f "$log"
   return "$rc"
 }

@@ -155,19 +155,22 @@ int detach_all() {
   return 0;
 }
 
-// 0, or negative when something stays attached for the next start.
-int tran_destroy(const Caller& self) {
-  // What a failed start or a failed stop left behind is released too.
-  const bool was_started = is_started();
-  if (!was_started && !has_contexts()) return 0;
-  store_release(gvar.init_mark, kNeverStarted);
-  if (was_started) usleep(kDrainPauseMs * 1000);
+// Once no thread is inside a call: 0, or negative when something stays attached for the next start.
+int release_all(const Caller& self) {
   if (!wait_for_callers(&self, kDrainWaitMs)) {
     log_printf("<!> a traced call is still under way, nothing is detached");
     return -1;
   }
   release_contexts();
-  if (const int rc = detach_all(); rc != 0) return rc;
+  return detach_all();
+}
+
+int tran_destroy(const Caller& self) {
+  // A failed start or stop may have left something behind.
+  if (!is_started()) return has_contexts() ? release_all(self) : 0;
+  store_release(gvar.init_mark, kNeverStarted);
+  usleep(kDrainPauseMs * 1000);
+  if (const int rc = release_all(self); rc != 0) return rc;
   log_printf("(I) [SHARED_LIB] tran_destroy() [%s] complete.. proc_nm : %s %s(%d)", kVersionText,
              gvar.proc_nm, gvar.cont_nm, gvar.pid);
   return 0;

@@ -1,6 +1,6 @@
 """The package installs into any prefix, a program builds against it both ways and is traced.
 
-Usage: check_install.py ROOT BUILD CMAKE CC
+Usage: check_install.py ROOT BUILD CMAKE GENERATOR CC
 """
 
 import os
@@ -20,8 +20,8 @@ def run(*command, **options):
     return done.stdout
 
 
-def build_with_cmake(cmake, source, prefix, build):
-    run(cmake, "-S", source, "-B", build, f"-DCMAKE_PREFIX_PATH={prefix}")
+def build_with_cmake(cmake, generator, source, prefix, build):
+    run(cmake, "-G", generator, "-S", source, "-B", build, f"-DCMAKE_PREFIX_PATH={prefix}")
     run(cmake, "--build", build)
     return build / "consumer"
 
@@ -33,7 +33,7 @@ def build_with_pkg_config(cc, source, library_dir, program):
     return program
 
 
-def check(root, build, cmake, cc, scratch):
+def check(root, build, cmake, generator, cc, scratch):
     prefix = scratch / "prefix"
     run(cmake, "--install", build, "--prefix", prefix)
     sonames = list(prefix.rglob("libvarn.so.?"))
@@ -43,7 +43,7 @@ def check(root, build, cmake, cc, scratch):
 
     source = root / "examples/cmake_consumer"
     programs = (
-        build_with_cmake(cmake, source, prefix, scratch / "consumer"),
+        build_with_cmake(cmake, generator, source, prefix, scratch / "consumer"),
         build_with_pkg_config(cc, source, library_dir, scratch / "pkg_config_consumer"),
     )
     traced = {**os.environ, "LD_LIBRARY_PATH": str(library_dir)}
@@ -56,5 +56,5 @@ def check(root, build, cmake, cc, scratch):
 
 
 with tempfile.TemporaryDirectory() as scratch:
-    root, build, cmake, cc = sys.argv[1:]
-    check(pathlib.Path(root), build, cmake, cc, pathlib.Path(scratch))
+    root, *tools = sys.argv[1:]
+    check(pathlib.Path(root), *tools, pathlib.Path(scratch))

@@ -51,12 +51,9 @@ TEST_F(Contexts, AThreadsIdChoosesItsBucket) {
     int tid;
     const char* tid_text;
     const char* bucket;
-  } cases[] = {{0, "000000000000000", "00000"},
-               {5, "000000000000005", "00005"},
-               {0x1207, "000000000004615", "00007"},
-               {0x1200, "000000000004608", "00018"},
-               {0x10000, "000000000065536", "00000"},
-               {0x7FFFFFFF, "000002147483647", "00255"}};
+  } cases[] = {{0, "000000000000000", "00000"},       {5, "000000000000005", "00005"},
+               {0x1207, "000000000004615", "00007"},  {0x1200, "000000000004608", "00018"},
+               {0x10000, "000000000065536", "00000"}, {0x7FFFFFFF, "000002147483647", "00255"}};
   Shared<int> pid;
   EXPECT_TRUE(collector_.run([&] {
     *pid = getpid();
@@ -229,6 +226,14 @@ TEST_F(Contexts, APosixIdThatComesBackWithANewThreadIsANewThread) {
   EXPECT_TRUE(collector_.logged("(thread killed, ptrc 1) resource clear."));
 }
 
+TEST_F(Contexts, ThreadsMayComeAndGoByTheThousand) {
+  EXPECT_TRUE(collector_.run([] {
+    ASSERT_EQ(TRAN_INIT(), 0);
+    for (int i = 0; i < 5000; ++i)
+      in_thread([i] { ASSERT_EQ(check_gvar('_'), 0) << "thread " << i; });
+  }));
+}
+
 TEST_F(Contexts, WithoutAFreeEntryAThreadGetsNoContext) {
   TableStack& free_stack = collector_.ptrc_tbl().free_stack;
   free_stack.count = 0;
@@ -259,8 +264,8 @@ TEST_F(Contexts, AChainLongerThanTheTableStopsTracingOnTheHost) {
     collector_.que_info().magic_code = kMagicReady;
     EXPECT_TRUE(is_sent(event(6))) << "once the collector has marked the segment ready again";
   }));
-  EXPECT_TRUE(log_matches(
-      R"(<!> PTRC_HASH_ARR_SIZE overflow \(pid : \d+, tid : 5\), used : 1\(=1\))"));
+  EXPECT_TRUE(
+      log_matches(R"(<!> PTRC_HASH_ARR_SIZE overflow \(pid : \d+, tid : 5\), used : 1\(=1\))"));
 }
 
 }  // namespace

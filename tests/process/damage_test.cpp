@@ -60,7 +60,8 @@ class Vandal {
   }
   void hit(Region region) {
     const int likely[] = {0, -1, 1, -2, 9'999, 10'000, 10'001, below(10'000), INT32_MIN, INT32_MAX};
-    const int value = below(2) == 0 ? static_cast<int>(random_()) : likely[below(std::size(likely))];
+    const int value =
+        below(2) == 0 ? static_cast<int>(random_()) : likely[below(std::size(likely))];
     auto* const words = static_cast<int*>(region.at);
     store(words[below(static_cast<int>(region.size / 4))], value);
   }

@@ -28,7 +28,8 @@ class StartUp : public testing::Test {
  protected:
   // A start that fails with the code leaves the agent refusing everything; how it went is in the
   // log and, where the configuration file is at fault, on standard error.
-  void expect_failure(int code, const std::function<void()>& repair = [] {}) {
+  void expect_failure(
+      int code, const std::function<void()>& repair = [] {}) {
     EXPECT_TRUE(collector_.run([&] {
       std::freopen((collector_.home() / "stderr").c_str(), "w", stderr);
       EXPECT_EQ(TRAN_INIT(), code);
@@ -223,18 +224,28 @@ TEST_F(StartUp, TheLogTellsOfStartAndRelease) {
   const std::string name = own_name();
   const std::string expected =
       "(I) write_qidx_idx_gid_rng - (offset : 0, size 30, gid[0]~gid[29]) \n"
-      "(I) ptrc_hash pid-tid created.(pid : " + id + ", tid : 0, mtr_tid_idx : 0(1 threads), "
+      "(I) ptrc_hash pid-tid created.(pid : " +
+      id +
+      ", tid : 0, mtr_tid_idx : 0(1 threads), "
       "arr_idx : 9999), used : 1(=1)\n"
-      "(I) [SHARED_LIB] TRAN_INIT [" + kVersion + "] complete.. [ MTR_TID_IDX(256) # bytes ] "
-      "[ magic_code 0xaaaaaaaa,  qcnt 4, log_flag_set 0xff, proc_nm : " + name + " (" + id +
+      "(I) [SHARED_LIB] TRAN_INIT [" +
+      kVersion +
+      "] complete.. [ MTR_TID_IDX(256) # bytes ] "
+      "[ magic_code 0xaaaaaaaa,  qcnt 4, log_flag_set 0xff, proc_nm : " +
+      name + " (" + id +
       "), TRAN_LOGF_QUE_INFO 248 bytes, TRAN_LOGF_QUE_DATA 688 bytes, GLOBAL_VAR # bytes, "
       "gvar_cleared 1, LANG ko_KR.euckr ]\n"
       "(I) [PRELOAD LIBRARY] hooking library loaded... { LD_PRELOAD = /opt/hook.so }\n"
-      "(I) API Process (" + name + " / ) Start OK (ret 0)\n"
-      "(I) mtr_tid_idx[0000 - 1 of 1] pid(" + id + "/" + id + ")-tid(0/0) closed. get_ptrc[9999] "
+      "(I) API Process (" +
+      name +
+      " / ) Start OK (ret 0)\n"
+      "(I) mtr_tid_idx[0000 - 1 of 1] pid(" +
+      id + "/" + id +
+      ")-tid(0/0) closed. get_ptrc[9999] "
       "is [ true - true ]\n"
-      "(I) [SHARED_LIB] tran_destroy() [" + kVersion + "] complete.. proc_nm : " + name + " (" +
-      id + ")\n"
+      "(I) [SHARED_LIB] tran_destroy() [" +
+      kVersion + "] complete.. proc_nm : " + name + " (" + id +
+      ")\n"
       ">> TRAN_DONE() Success...\n";
   std::string got;
   for (const LogLine& line : collector_.log_lines()) {
@@ -266,10 +277,9 @@ TEST_F(StartUp, TheStartIsAnnouncedByAnEvent) {
   const std::string moment = field_of(record, kDate) + " " + field_of(record, kTime) + " ";
   EXPECT_TRUE(std::regex_match(moment, std::regex("20[0-9]{6} [0-9]{12} "))) << moment;
   const std::string expected =
-      padded("V", 1) + padded("", 2) + padded("", 1) + padded("", 32) +
-      padded(own_name(), 15) + padded("", 16) + padded(std::string(host).substr(0, 15), 15) +
-      padded(id, 8) + "000000000000000 00000 09999 " + moment + "1508 " + padded("", 12) +
-      padded("", 4) +
+      padded("V", 1) + padded("", 2) + padded("", 1) + padded("", 32) + padded(own_name(), 15) +
+      padded("", 16) + padded(std::string(host).substr(0, 15), 15) + padded(id, 8) +
+      "000000000000000 00000 09999 " + moment + "1508 " + padded("", 12) + padded("", 4) +
       padded(euc_kr("거래추적 대상 프로세스(" + own_name() + ")가 기동되었습니다."), 512);
   EXPECT_EQ(expected.size(), 684U);
   EXPECT_EQ(record.length, 684U);
@@ -349,9 +359,9 @@ TEST_F(StartUp, StartDoneAndStartAgain) {
       EXPECT_EQ(TRAN_DONE(), 0);
       expect_everything_returns(103);
       EXPECT_EQ(TRAN_DONE(), 0);
+      EXPECT_EQ(collector_.read_all('V').size(), 2U) << "one of them announces the process";
     }
   }));
-  EXPECT_EQ(collector_.read_all('V').size(), 6U) << "announced each time";
   EXPECT_EQ(collector_.count_logged("gvar_cleared 1"), 3);
 }
 
@@ -372,7 +382,8 @@ TEST_F(StartUp, ASecondStartChangesNothing) {
     EXPECT_TRUE(is_sent(end(-1))) << "the open service is still open";
   }));
   EXPECT_TRUE(collector_.logged("<!> already TRAN_INIT API initialized."));
-  for (const Record& record : collector_.read_all()) EXPECT_EQ(text_of(record, kProcNm), own_name());
+  for (const Record& record : collector_.read_all())
+    EXPECT_EQ(text_of(record, kProcNm), own_name());
 }
 
 TEST_F(StartUp, TheCollectorsReadinessDecides) {

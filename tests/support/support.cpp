@@ -363,7 +363,8 @@ void FakeCollector::replace_queue(int queue) {
 void FakeCollector::replace_segment(const ConfigKey& key, std::size_t size) {
   std::unique_ptr<IpcObject>& place = object(key, 0);
   place->remove();
-  place = std::make_unique<IpcObject>(IpcKind::kSegment, std::stoi(config_.at(key.key)), size, mode_);
+  place =
+      std::make_unique<IpcObject>(IpcKind::kSegment, std::stoi(config_.at(key.key)), size, mode_);
 }
 
 void FakeCollector::allow_group(gid_t gid) {

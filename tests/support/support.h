@@ -1,5 +1,5 @@
-// What the tests stand on: the collector's side of the shared objects, child processes that play the
-// traced process, and a few small things.
+// What the tests stand on: the collector's side of the shared objects, child processes that play
+// the traced process, and a few small things.
 //
 // A test goes like this:
 //

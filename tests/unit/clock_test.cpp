@@ -41,7 +41,8 @@ TEST(LocalStamp, AgreesWithTheLibraryInEveryZone) {
       ASSERT_EQ(text_of(local_stamp(cache, sec, usec)), by_the_library(sec, usec)) << sec;
     };
     for (int i = 0; i < 20'000; ++i)  // moments anywhere until 2169, a few seconds at each
-      for (std::int64_t sec = static_cast<std::int64_t>(random() % (200 * kYear)), n = 0; n < 3; ++n)
+      for (std::int64_t sec = static_cast<std::int64_t>(random() % (200 * kYear)), n = 0; n < 3;
+           ++n)
         ASSERT_NO_FATAL_FAILURE(check(sec + n));
     // Through a year in steps that meet every quarter of an hour on both sides.
     for (std::int64_t sec = 1'700'000'100; sec < 1'700'000'100 + kYear; sec += 900)

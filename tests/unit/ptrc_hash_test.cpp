@@ -27,7 +27,7 @@ std::uint32_t chain_of(std::uint64_t tid) {
 class ProcessThreadTable : public testing::Test {
  protected:
   EntryResult get(std::uint64_t tid, PTRC_HASH_ENT** out) {
-    const EntryOwner owner = {kProcess, tid,   5,      2, "a process name of thirty characters",
+    const EntryOwner owner = {kProcess,    tid,    5,    2, "a process name of thirty characters",
                               "container", "user", "sid"};
     return get_ptrc_hash(table_, owner, out);
   }

@@ -65,7 +65,8 @@ TEST_F(ConfigFile, FindsTokensAsTheSyntaxSays) {
       {"an indented comment is none", "[S]\n # = a\n #KEY = b\nKEY = c\n", 1, "c"},
       {"keyword before its section", "KEY = a\n[S]\n", 1, kNoKey},
       {"keyword in another section", "[S]\n[T]\nKEY = a\n", 1, kNoKey},
-      {"part of a header is enough, the first counts", "[T]\n[XSY]\nKEY = a\n[S]\nKEY = b\n", 1, "a"},
+      {"part of a header is enough, the first counts", "[T]\n[XSY]\nKEY = a\n[S]\nKEY = b\n", 1,
+       "a"},
       {"the first section counts even without the keyword", "[XS]\n[S]\nKEY = b\n", 1, kNoKey},
       {"a header stands in the first column", " [S]\nKEY = a\n[S]\nKEY = b\n", 1, "b"},
       {"lines that end with carriage return", "[S]\r\n\r\nKEY = a b\r\n", 2, "b"},
@@ -79,7 +80,8 @@ TEST_F(ConfigFile, FindsTokensAsTheSyntaxSays) {
       {"a token of 63 characters", "[S]\nKEY = " + std::string(63, 'x') + "\n", 1,
        std::string(63, 'x')},
       {"a line of 255 characters", "[S]\nKEY = a" + std::string(247, ' ') + "b\n", 2, "b"},
-      {"and the last one so, without newline", "[S]\nKEY = a" + std::string(247, ' ') + "b", 2, "b"},
+      {"and the last one so, without newline", "[S]\nKEY = a" + std::string(247, ' ') + "b", 2,
+       "b"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
