@@ -27,6 +27,9 @@ bool take_over(Caller& caller, std::int32_t kernel_tid) {
   if (owner != 0 && owner != kernel_tid && thread_exists(owner)) return false;
   if (!caller.kernel_tid.compare_exchange_strong(owner, kernel_tid, std::memory_order_acq_rel))
     return false;
+  // What the ended thread did comes before what this one does, and before what others learn from
+  // it.
+  static_cast<void>(caller.state.load(std::memory_order_acquire));
   caller.state.store(kOutside, std::memory_order_release);
   caller.var.store(nullptr, std::memory_order_relaxed);
   return true;
@@ -62,8 +65,9 @@ bool thread_exists(std::int32_t kernel_tid) {
 
 bool used_inside_a_call(const MTR_CXT_VAR& var, const Caller* self) {
   heavy_fence();
+  // Every state is read, so that all that ended threads did comes before what follows.
   for (const Caller& caller : callers)
-    if (&caller != self && caller.var.load(std::memory_order_relaxed) == &var && is_inside(caller))
+    if (&caller != self && is_inside(caller) && caller.var.load(std::memory_order_relaxed) == &var)
       return true;
   return false;
 }

@@ -44,13 +44,12 @@ bool parse_number(const ConfigKey& key, const char* value, std::int64_t least, s
   return false;
 }
 
-template <std::int32_t* kPlace>
-int take_number(const ConfigKey& key, const char* value) {
+int parse_int32(const ConfigKey& key, const char* value, std::int32_t* out) {
   std::int64_t number = 0;
   if (!parse_number(key, value, std::numeric_limits<std::int32_t>::min(),
                     std::numeric_limits<std::int32_t>::max(), &number))
     return kFailed;
-  *kPlace = static_cast<std::int32_t>(number);
+  *out = static_cast<std::int32_t>(number);
   return 0;
 }
 
@@ -188,8 +187,32 @@ int take_max_que_cnt(const ConfigKey& key, const char* value) {
   return kFailed;
 }
 
+int take_idle_release_sec(const ConfigKey& key, const char* value) {
+  return parse_int32(key, value, &gvar.idle_release_sec);
+}
+
+int take_idle_release_2(const ConfigKey& key, const char* value) {
+  return parse_int32(key, value, &gvar.idle_release_2);
+}
+
+int take_infinite_loop_base_cnt(const ConfigKey& key, const char* value) {
+  return parse_int32(key, value, &gvar.infinite_loop_base_cnt);
+}
+
+int take_dbio_func_sign_no(const ConfigKey& key, const char* value) {
+  return parse_int32(key, value, &gvar.dbio_func_sign_no);
+}
+
+int take_default_timeout_sec(const ConfigKey& key, const char* value) {
+  return parse_int32(key, value, &gvar.default_timeout_sec);
+}
+
+int take_gid_range_position(const ConfigKey& key, const char* value) {
+  return parse_int32(key, value, &write_qidx_idx_gid_rng_pos);
+}
+
 int take_gid_range_size(const ConfigKey& key, const char* value) {
-  if (take_number<&write_qidx_idx_gid_rng_siz>(key, value) != 0) return kFailed;
+  if (parse_int32(key, value, &write_qidx_idx_gid_rng_siz) != 0) return kFailed;
   const std::int64_t pos = write_qidx_idx_gid_rng_pos;
   const std::int64_t siz = write_qidx_idx_gid_rng_siz;
   if (pos < 0 || siz < 0 || pos + siz > kGid.width) {
@@ -234,20 +257,20 @@ constexpr ConfigRow kConfigRows[] = {
     {kLogInterface, 1, true, take_log_interface},
     {kTrSection, 1, false, take_tr_section},
     {kQueInfoShmKey, 1, true, attach_que_info},
-    {kIdleThreadRelease, 1, true, take_number<&gvar.idle_release_sec>},
-    {kIdleThreadRelease, 2, true, take_number<&gvar.idle_release_2>},
-    {kInfiniteLoopBaseCnt, 1, true, take_number<&gvar.infinite_loop_base_cnt>},
+    {kIdleThreadRelease, 1, true, take_idle_release_sec},
+    {kIdleThreadRelease, 2, true, take_idle_release_2},
+    {kInfiniteLoopBaseCnt, 1, true, take_infinite_loop_base_cnt},
     {kMaxQueCnt, 1, true, take_max_que_cnt},
     {kSvcHashTblShmKey, 1, false, keep_shm_key},
     {kSvcHashTblSemKey, 1, false, attach_svc_hash_tbl},
     {kPtrcHashTblShmKey, 1, false, keep_shm_key},
     {kPtrcHashTblSemKey, 1, false, attach_ptrc_hash_tbl},
-    {kWriteQueIdxGidRng, 1, true, take_number<&write_qidx_idx_gid_rng_pos>},
+    {kWriteQueIdxGidRng, 1, true, take_gid_range_position},
     {kWriteQueIdxGidRng, 2, true, take_gid_range_size},
     {kTranLogfMsgqKey, 1, true, open_queues},
-    {kDbioFunc, 1, true, take_number<&gvar.dbio_func_sign_no>},
+    {kDbioFunc, 1, true, take_dbio_func_sign_no},
     {kDbioFunc, 2, true, take_dbio_signature},
-    {kDefaultTimeoutSec, 1, true, take_number<&gvar.default_timeout_sec>},
+    {kDefaultTimeoutSec, 1, true, take_default_timeout_sec},
 };
 
 int read_configuration(const char* path) {

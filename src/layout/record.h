@@ -174,16 +174,16 @@ inline constexpr std::array kRecordKinds{
 };
 
 inline constexpr auto kKindOfType = [] {
-  std::array<std::int8_t, 256> place{};
+  std::array<std::int16_t, 256> place{};
   place.fill(-1);
   for (std::size_t i = 0; i < kRecordKinds.size(); ++i)
-    place[static_cast<unsigned char>(kRecordKinds[i].rec_type)] = static_cast<std::int8_t>(i);
+    place[static_cast<unsigned char>(kRecordKinds[i].rec_type)] = static_cast<std::int16_t>(i);
   return place;
 }();
 
 // Null for a byte that is no record type.
 constexpr const RecordKind* record_kind(char rec_type) {
-  const std::int8_t place = kKindOfType[static_cast<unsigned char>(rec_type)];
+  const std::int16_t place = kKindOfType[static_cast<unsigned char>(rec_type)];
   return place < 0 ? nullptr : &kRecordKinds[static_cast<std::size_t>(place)];
 }
 

@@ -10,8 +10,8 @@ namespace varn {
 namespace {
 
 // Clocks are put forward and back on quarters of an hour everywhere, so an offset holds for one.
-constexpr std::int64_t kOffsetSpan = 15 * 60;
-constexpr std::int64_t kSecPerDay = 24 * 60 * 60;
+constexpr std::int64_t kOffsetSpan = std::int64_t{15} * 60;
+constexpr std::int64_t kSecPerDay = std::int64_t{24} * 60 * 60;
 constexpr std::int64_t kLastSecond = 253'402'214'400 - 1;  // a day before the year 10000
 
 struct Civil {
