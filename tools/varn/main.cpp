@@ -8,7 +8,7 @@
 
 #include "tools/varn/verbs.h"
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape): out of memory ends it
   CLI::App app{"Collects the traces of transactions on this host and shows them."};
   app.name("varn");
   app.set_version_flag("--version", "varn " VARN_VERSION);

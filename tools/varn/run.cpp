@@ -115,12 +115,14 @@ std::vector<std::string> environment_for(const Home& home) {
     if (std::ranges::none_of(own, [&](const auto& each) { return each.first == name; }))
       variables.push_back(variable);
   }
-  for (const auto& [name, value] : own) variables.push_back(name + '=' + value);
+  for (const auto& [name, value] : own)
+    variables.push_back(std::string(name).append("=").append(value));
   return variables;
 }
 
 std::vector<char*> pointers_to(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
   for (std::string& text : texts) pointers.push_back(text.data());
   pointers.push_back(nullptr);
   return pointers;
