@@ -54,23 +54,29 @@ void append_picture(char control, std::string& out) {
   out += static_cast<char>(0x80 + at);
 }
 
-// Decodes what the converter takes, at least one byte of `bytes`, and returns how many.
+bool is_lead(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return byte >= 0x81 && byte <= 0xFE;
+}
+
+bool is_trail(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || is_lead(c); }
+
+// Decodes the character that `bytes` begin with and returns its size. One by one: of a character
+// that it does not know, the converter may take the bytes and say nothing.
 std::size_t append_converted(UhcDecoder& decoder, std::string_view bytes, std::string& out) {
+  const std::size_t size = bytes.size() > 1 && is_lead(bytes[0]) && is_trail(bytes[1]) ? 2 : 1;
   char* in = const_cast<char*>(bytes.data());  // iconv does not write there
-  std::size_t in_left = bytes.size();
-  while (decoder.usable() && in_left > 0) {
-    char room[1024];
-    char* to = room;
-    std::size_t room_left = sizeof room;
-    const bool all = iconv(decoder.handle, &in, &in_left, &to, &room_left) != std::size_t(-1);
+  std::size_t in_left = size;
+  char room[8];
+  char* to = room;
+  std::size_t room_left = sizeof room;
+  if (decoder.usable() && size == 2 &&
+      iconv(decoder.handle, &in, &in_left, &to, &room_left) != std::size_t(-1) && to != room) {
     out.append(room, to);
-    if (all || errno != E2BIG) break;
+  } else {
+    for (std::size_t i = 0; i < size; ++i) out += kReplacement;
   }
-  if (in_left == bytes.size()) {
-    out += kReplacement;
-    return 1;
-  }
-  return bytes.size() - in_left;
+  return size;
 }
 
 }  // namespace
@@ -125,9 +131,7 @@ std::string utf8_from_uhc(std::string_view bytes) {
       continue;
     }
     static thread_local UhcDecoder decoder;
-    const auto control = std::find_if(bytes.begin(), bytes.end(), is_control);
-    const auto run = static_cast<std::size_t>(control - bytes.begin());
-    bytes.remove_prefix(append_converted(decoder, bytes.substr(0, run), out));
+    bytes.remove_prefix(append_converted(decoder, bytes, out));
   }
   return out;
 }

@@ -1,0 +1,213 @@
+"""The tool as its user drives it: tool_test.py VARN C_BASIC BANK, in an IPC namespace of its own."""
+
+import collections
+import contextlib
+import ctypes
+import json
+import os
+import pathlib
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+import unittest
+
+VARN, C_BASIC, BANK = sys.argv[1:4]
+DEADLINE = 60
+GID = "20260801093000000HQ0001A000001"
+SLEEPER = ["sh", "-c", "echo ready; exec sleep 1000"]
+
+
+def ipc_objects():
+    """What /proc lists of shared objects, without the counts and times that change."""
+    listed = set()
+    for kind in ("shm", "sem", "msg"):
+        for line in pathlib.Path("/proc/sysvipc", kind).read_text().splitlines()[1:]:
+            listed.add((kind, *line.split()[:2]))
+    return listed
+
+
+def summary(text):
+    """The numbers of the summary by their label."""
+    rows = re.findall(r"^ *([a-zA-Z][\w ]*?)  +(\d[\d ]*)", text.split("---- summary ----")[1], re.M)
+    return {label: [int(number) for number in numbers.split()] for label, numbers in rows}
+
+
+def read_json(path):
+    return [json.loads(line) for line in path.read_text("utf-8").splitlines()]
+
+
+def add_failed_sends(queue, count):
+    """As a traced process counts them, under the sample's key."""
+    libc = ctypes.CDLL(None)
+    libc.shmat.restype = ctypes.c_void_p
+    libc.shmdt.argtypes = [ctypes.c_void_p]
+    address = libc.shmat(libc.shmget(717001, 0, 0), None, 0)
+    (ctypes.c_uint32 * 16).from_address(address + 180)[queue] += count
+    libc.shmdt(address)
+
+
+class Tool(unittest.TestCase):
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.home = pathlib.Path(directory.name)
+        self.config = self.home / "varn.cfg"
+        self.temp = self.home / "temp"
+        self.temp.mkdir()
+        self.environment = {"PATH": os.environ["PATH"], "TMPDIR": str(self.temp)}
+        self.before = ipc_objects()
+
+    def start(self, *command):
+        return subprocess.Popen([str(word) for word in command], env=self.environment, text=True,
+                                encoding="utf-8", stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+    def done(self, *command, status=0):
+        """Output and errors of a command that must end with the status."""
+        return self.ended(self.start(*command), status)
+
+    def ended(self, process, status):
+        out, err = process.communicate(timeout=DEADLINE)
+        self.assertEqual(process.returncode, status, out + err)
+        return out, err
+
+    def varn(self, *arguments, status=0):
+        return self.done(VARN, *arguments, status=status)
+
+    def expect_nothing_left(self):
+        self.assertEqual(ipc_objects(), self.before)
+        self.assertEqual(list(self.temp.iterdir()), [])
+
+    @contextlib.contextmanager
+    def installation(self):
+        self.varn("init", self.config)
+        self.environment |= {"TRAN_HOME": str(self.home), "TRAN_AGT_HOME": str(self.home),
+                             "TRAN_AGT_CFG_FILE": str(self.config)}
+        self.varn("up", "-c", self.config)
+        try:
+            yield
+        finally:
+            self.varn("down", "-c", self.config)
+        self.expect_nothing_left()
+
+    def collect(self, *options):
+        collecting = self.start(VARN, "collect", *options)
+        self.assertIn("collecting from 4 queues", collecting.stderr.readline())
+        return collecting
+
+    def test_init_overwrites_only_when_forced(self):
+        self.varn("init", self.config)
+        sample = self.config.read_text()
+        self.config.write_text("mine")
+        self.assertIn("varn.cfg is there already", self.varn("init", self.config, status=1)[1])
+        self.assertEqual(self.config.read_text(), "mine")
+        self.varn("init", "--force", self.config)
+        self.assertEqual(self.config.read_text(), sample)
+
+    def test_an_installation_is_made_adopted_collected_and_removed(self):
+        missing = self.varn("up", "-c", self.config, status=1)[1]
+        self.assertIn(f"cannot open the configuration file {self.config}", missing)
+        with self.installation():
+            self.assertIn("0 of 9 shared objects made", self.varn("up")[0])
+            records = self.home / "records"
+            collecting = self.collect("--format", "json", "--out", records)
+            self.assertIn("TRAN_END   2", self.done(C_BASIC)[0])
+            add_failed_sends(2, 7)
+            collecting.send_signal(signal.SIGTERM)
+            counts = summary(self.ended(collecting, 0)[1])
+            lines = sorted(read_json(records), key=lambda line: line["queue"])
+            self.assertEqual([line["kind"] for line in lines], ["event", "start", "info", "end"])
+            event, start, info, end = lines
+            self.assertEqual(event["code"], "1508")
+            self.assertEqual(event["message"], "거래추적 대상 프로세스(c_basic)가 기동되었습니다.")
+            for line in (start, info, end):
+                self.assertEqual((line["queue"], line["gid"], line["svc_id"], line["proc_nm"]),
+                                 (2, GID, "HELLO001", "c_basic"))
+            self.assertEqual((start["depth"], start["chnl_typ_cd"], start["recv_svc_cd"]),
+                             (1, "WEB", "HELLO001"))
+            self.assertEqual(info["message"], "half way there")
+            self.assertGreaterEqual(end["elapsed_us"], 2000)
+            self.assertEqual(counts["records"], [4])
+            self.assertEqual(counts["queue 2"], [3, 7, 7])
+            self.assertEqual(counts["failed sends"], [7, 7])
+
+            # What a queue holds when told to stop is shown; failures of before are told apart.
+            self.done(C_BASIC)
+            collecting = self.collect()
+            collecting.send_signal(signal.SIGINT)
+            out = self.ended(collecting, 0)[0]
+            self.assertRegex(out, rf"\d\d:\d\d:\d\d\.\d{{6}} c_basic\(\d+\) +\d+ {GID} +01 +end "
+                                  r"+\d+\.\d{3}ms HELLO001 ")
+            self.assertEqual(summary(out)["records"], [4])
+            self.assertEqual(summary(out)["queue 2"], [3, 0, 7])
+            self.assertEqual(summary(out)["HELLO001"][:1], [1])
+
+            collecting = self.collect()
+            self.done(C_BASIC)
+            self.varn("down")
+            self.assertIn("queue 0 was removed", self.ended(collecting, 1)[1])
+            self.assertIn("`varn up -c", self.varn("collect", status=1)[1])
+
+    def test_run_ends_as_its_command_does_and_leaves_nothing(self):
+        plain = self.home / "plain"
+        plain.write_text("no program")
+        for command, status in ((["true"], 0), (["sh", "-c", "exit 3"], 3), ([C_BASIC], 0),
+                                (["sh", "-c", "kill -SEGV $$"], 139), (["no-such-command"], 127),
+                                ([plain], 126), ([self.home], 126), ([], 125)):
+            with self.subTest(command=command):
+                self.varn("run", "--", *command, status=status)
+                self.expect_nothing_left()
+        self.assertTrue(self.varn("run", "--", "echo", "--out", "--")[0].startswith("--out --\n"))
+
+    def test_run_passes_signals_on_and_leaves_nothing(self):
+        heeding = ["sh", "-c", "trap 'exit 7' TERM; echo ready; while :; do sleep 0.01; done"]
+        for command, number, status in ((SLEEPER, signal.SIGTERM, 143),
+                                        (SLEEPER, signal.SIGINT, 130),
+                                        (heeding, signal.SIGTERM, 7)):
+            with self.subTest(signal=number, status=status):
+                running = self.start(VARN, "run", "--", *command)
+                self.assertEqual(running.stdout.readline(), "ready\n")
+                self.assertEqual(len(ipc_objects() - self.before), 9)
+                running.send_signal(number)
+                self.ended(running, status)
+                self.expect_nothing_left()
+
+    def test_run_takes_tuning_values_from_a_file(self):
+        self.varn("init", self.config)
+        text = self.config.read_text().replace("TRAN_LOG_FLAG_SET = SEVBCIXQ", "TRAN_LOG_FLAG_SET = S")
+        self.config.write_text(text)
+        counts = summary(self.varn("run", "-c", self.config, "--", C_BASIC)[0])
+        self.assertEqual((counts["records"], counts["start"], counts["end"]), ([2], [1], [1]))
+        self.config.write_text(text.replace("QUE_CNT = 4", "QUE_CNT = 3"))
+        self.assertIn("[TRAN_LOGF] QUE_CNT is 3",
+                      self.varn("run", "-c", self.config, "--", C_BASIC, status=125)[1])
+        self.expect_nothing_left()
+
+    def test_run_shows_the_whole_of_a_program(self):
+        out, err = self.varn("run", "--", BANK, "-n", "40", "-r", "200")
+        self.assertIn("이체 접수 [", out)
+        self.assertNotIn("\N{REPLACEMENT CHARACTER}", out)
+        self.assertNotIn("last faults", out)
+        records = self.home / "records"
+        err = self.varn("run", "--format", "json", "--out", records, "--", BANK, "-n", "40", "-r",
+                        "200")[1]
+        lines = read_json(records)
+        kinds = collections.Counter(line["kind"] for line in lines)
+        counts = summary(err)
+        self.assertEqual({kind: counts[kind] for kind in kinds},
+                         {kind: [count] for kind, count in kinds.items()})
+        self.assertEqual(counts["records"], [len(lines)])
+        self.assertEqual(sum(counts[f"queue {n}"][0] for n in range(4)), len(lines))
+        if int(pathlib.Path("/proc/sys/kernel/msgmnb").read_text()) >= 1 << 20:
+            self.assertEqual(counts["failed sends"], [0, 0])
+            self.assertEqual(counts["start"], counts["end"])
+            self.assertEqual(counts["transactions"], [40])
+            depths = collections.Counter(line["depth"] for line in lines if line["kind"] == "end")
+            self.assertEqual(depths[1], 40)
+            self.assertGreater(depths[2], 0)
+        self.expect_nothing_left()
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])
