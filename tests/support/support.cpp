@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
+#include <sys/prctl.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
@@ -102,6 +103,7 @@ ChildProcess::ChildProcess(const std::function<void()>& body) {
   pid_ = fork();
   if (pid_ < 0) fail("fork");
   if (pid_ > 0) return;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that is killed leaves no children
   const int failed_before = failed_checks();
   try {
     body();
