@@ -28,6 +28,9 @@ constexpr int kTableLockWaitMs = 2000;
 constexpr std::int64_t kTableLockPauseSec = 1;
 
 std::atomic<std::int64_t> table_lock_resume;  // second before which the lock is not tried
+// The semaphore orders what its holders do, but only the kernel knows: this tells the C++ memory
+// model, and with it the thread sanitizer.
+std::atomic<bool> table_lock_order;
 std::atomic<std::uint64_t> last_claim_no;
 bool buckets_ready;  // their mutexes are initialised; under main_lock
 
@@ -258,7 +261,10 @@ TableLock::TableLock() : entered_(false) {
   const std::int64_t now = monotonic_seconds();
   if (now < table_lock_resume.load(std::memory_order_relaxed)) return;
   entered_ = sem_lock_within(gvar.ptrc_hash_semid, 0, SEM_UNDO, kTableLockWaitMs) == 0;
-  if (entered_) return;
+  if (entered_) {
+    static_cast<void>(table_lock_order.load(std::memory_order_acquire));
+    return;
+  }
   log_printf("<!> ptrc_hash_tbl semaphore could not be taken, errno(%d) : %s", errno,
              std::strerror(errno));
   table_lock_resume.store(monotonic_seconds() + 1 + kTableLockPauseSec, std::memory_order_relaxed);
@@ -266,7 +272,9 @@ TableLock::TableLock() : entered_(false) {
 
 TableLock::~TableLock() {
   // A child forked meanwhile, by a signal handler, never took it.
-  if (entered_ && getpid() == gvar.pid) sem_unlock(gvar.ptrc_hash_semid, 0, SEM_UNDO);
+  if (!entered_ || getpid() != gvar.pid) return;
+  table_lock_order.store(true, std::memory_order_release);
+  sem_unlock(gvar.ptrc_hash_semid, 0, SEM_UNDO);
 }
 
 std::uint64_t get_tid(const Caller& caller, int tid) {

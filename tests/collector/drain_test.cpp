@@ -70,7 +70,7 @@ class Draining : public testing::TestWithParam<Waiting> {
     const auto take = [this](std::span<const RawRecord> records) {
       received_.insert(received_.end(), records.begin(), records.end());
       count_ += records.size();
-      if (slow_) std::this_thread::sleep_for(1ms);
+      if (slow_) std::this_thread::sleep_for(10ms);
     };
     return drain_.emplace(std::vector<int>(ids_.begin(), ids_.end()), take, std::move(options));
   }

@@ -153,7 +153,7 @@ TEST_F(Lifecycle, ForksBesideBusyThreadsHaveNoLockLeftHeld) {
       ASSERT_TRUE(hammer.gets_through());
       const pid_t pid = fork();
       if (pid == 0) {
-        alarm(20);  // ends it if it hangs
+        alarm(10);  // ends it if it hangs
         const bool refused = check_gvar('_') == 103;
         const bool started = TRAN_INIT() == 0 && check_gvar('_') == 0 && is_documented(event(-1));
         _exit(refused && started && TRAN_DONE() == 0 ? 0 : 1);
