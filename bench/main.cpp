@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <exception>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "bench/cpus.h"
@@ -42,48 +43,53 @@ double percentile(std::vector<double>& values, double share) {
   return values[static_cast<std::size_t>(at)];
 }
 
-// ---- The calls
-// -----------------------------------------------------------------------------------
+// ---- The calls ----
 
 #define NONE nullptr, 0
 #define NO_HEAD NONE, NONE, NONE, NONE, NONE, NONE, NONE
 
-constexpr char kGidText[] = "202611220930WEB010000000000001";
 constexpr char kMessageText[] = "balance 1,204,300 after transfer to 110-204-559102";
 
-// A text of full width for every field. Process id, date and time are left to the agent: a caller
-// that gives the time has no response time measured.
+// A text of full width for every field, in buffers whose places and lengths are known when
+// compiling, as a server's are. Process id, date and time are left to the agent: a caller that
+// gives the time has no response time measured.
+consteval bool left_to_agent(std::string_view name) {
+  return name == "pid_str" || name == "date_str" || name == "time_str";
+}
 struct Texts {
-#define VARN_TEXT(name, width) std::string name = std::string(width, 'A');
+#define VARN_TEXT(name, width) char name[width + 1];
   TRAN_FIELD_LIST(VARN_TEXT)
 #undef VARN_TEXT
-  Texts() {
-    gid = kGidText;
-    pid_str.clear();
-    date_str.clear();
-    time_str.clear();
-  }
 };
-const Texts kTexts;
+constexpr Texts kTexts = [] {
+  Texts texts = {};
+#define VARN_FILL(name, width) std::fill_n(texts.name, width, 'A');
+  TRAN_FIELD_LIST(VARN_FILL)
+#undef VARN_FILL
+  std::copy_n("202611220930WEB010000000000001", 30, texts.gid);
+  return texts;
+}();
 
-template <auto* kTran>
-int transaction_call() {
-  const auto given = [](const std::string& text) { return text.empty() ? nullptr : text.data(); };
-#define VARN_ARGUMENT(name, width) , given(kTexts.name), static_cast<int>(kTexts.name.size())
-  return kTran(-1 TRAN_FIELD_LIST(VARN_ARGUMENT));
-#undef VARN_ARGUMENT
+#define VARN_ARGUMENT(name, width) \
+  , left_to_agent(#name) ? nullptr : kTexts.name, left_to_agent(#name) ? 0 : (width)
+#define ALL_TEXTS TRAN_FIELD_LIST(VARN_ARGUMENT)
+
+[[gnu::noipa]] int empty_call(int tid TRAN_FIELD_PARAMETERS) {
+#define VARN_UNUSED(name, width) static_cast<void>(name), static_cast<void>(name##_len);
+  TRAN_FIELD_LIST(VARN_UNUSED)
+#undef VARN_UNUSED
+  return tid;
 }
 
-int start_service() { return transaction_call<TRAN_START>(); }
-int end_service() { return transaction_call<TRAN_END>(); }
+int start_service() { return TRAN_START(-1 ALL_TEXTS); }
+int end_service() { return TRAN_END(-1 ALL_TEXTS); }
 
 int info() { return TRAN_INFO(-1, NO_HEAD, kMessageText, sizeof kMessageText - 1); }
 int errinfo(int tid) {
   return TRAN_ERRINFO(tid, NO_HEAD, "0001", 4, NONE, NONE, kMessageText, sizeof kMessageText - 1);
 }
 
-// ---- Measuring
-// -----------------------------------------------------------------------------------
+// ---- Measuring ----
 
 struct Conditions {
   const char* waiting_name = nullptr;  // in front of the name
@@ -171,6 +177,8 @@ void add_all(const Bench& bench) {
   add(bench, kCheck, off, [] { return check_gvar('I'); });
   add(bench, kInfoOff, off, info);
   add(bench, kPairOff, off, pair);
+  const Conditions floor{.expected = -1, .batch = 2048};
+  add(bench, kEmptyCall, floor, [] { return empty_call(-1 ALL_TEXTS); });
   add(bench, kErrInfoOff, off, errinfo_here);
   const Conditions no_service{.expected = TRAN_RC_DEPTH, .batch = 2048};
   add(bench, kErrInfoNoService, no_service, errinfo_here);

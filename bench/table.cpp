@@ -96,6 +96,8 @@ void Table::print_calls() {
   row("check_gvar", cost_of(kCheck));
   row("TRAN_INFO, its kind switched off", cost_of(kInfoOff));
   row("TRAN_START and TRAN_END, their kind switched off", cost_of(kPairOff));
+  row("  per call", [this](int threads) { return cost(kPairOff, threads) / 2; });
+  row("  an empty function with these arguments", cost_of(kEmptyCall));
   row("finding the thread's context, same thread as before", [this](int threads) {
     return cost(kErrInfoNoService, threads) - cost(kErrInfoOff, threads);
   });

@@ -18,6 +18,7 @@ inline constexpr char kPair[] = "TRAN_START and TRAN_END";
 inline constexpr char kCheck[] = "check_gvar";
 inline constexpr char kInfoOff[] = "TRAN_INFO, switched off";
 inline constexpr char kPairOff[] = "TRAN_START and TRAN_END, switched off";
+inline constexpr char kEmptyCall[] = "an empty function";
 inline constexpr char kErrInfoOff[] = "TRAN_ERRINFO, switched off";
 inline constexpr char kErrInfoNoService[] = "TRAN_ERRINFO, no service";
 inline constexpr char kErrInfoOtherThread[] = "TRAN_ERRINFO, no service, other thread number";

@@ -70,7 +70,7 @@ void put_service(MTR_CXT_VAR& var, const RecordKind& kind, Pairs pairs, std::int
   put_number(kElapsed, elapsed);
   put_number(kDbioElapsed, dbio_elapsed);
   put_number(kDepth, var.svc_depth);
-  put_fields(view, kind.body.subspan(kServiceNumbers), pairs.subspan(kHeadPairs));
+  put_fields<kServiceBody, kServiceNumbers>(view, pairs.subspan(kHeadPairs));
   close_record(var, kind);
 }
 

@@ -13,10 +13,12 @@ namespace {
 constexpr std::size_t kLoggedGid = 30;
 
 // Composes and sends, once validation has passed.
-int send_notice(MTR_CXT_VAR& var, const RecordKind& kind, Pairs pairs, Text gid) {
+template <char kRecType, const auto& kBody>
+int send_notice(MTR_CXT_VAR& var, Pairs pairs, Text gid) {
   const TimeVal tv = now();
+  const RecordKind& kind = kKind<kRecType>;
   put_header(var, kind, pairs.first(kHeadPairs), gid, local_stamp(var.stamp, tv.sec, tv.usec));
-  put_fields(var.rec.view, kind.body, pairs.subspan(kHeadPairs));
+  put_fields<kBody>(var.rec.view, pairs.subspan(kHeadPairs));
   close_record(var, kind);
   return tran_logb(var, var.rec);
 }
@@ -46,20 +48,20 @@ int trace_info(MTR_CXT_VAR& var, Pairs pairs) {
     svc_id = Text::of(level->svc_id);
   }
   if (const int rc = trace_validate(var, 'I', kInfoApi, var.rec, svc_id, {}); rc != 0) return rc;
-  return send_notice(var, kKind<'I'>, pairs, given_or_level_gid(pairs[kPairGid], level));
+  return send_notice<'I', kInfoBody>(var, pairs, given_or_level_gid(pairs[kPairGid], level));
 }
 
 int trace_info_ex(MTR_CXT_VAR& var, Pairs pairs) {
   if (const int rc = trace_validate(var, 'X', kInfoExApi, var.rec, pairs[kPairSvcId], {}); rc != 0)
     return rc;
-  return send_notice(var, kKind<'X'>, pairs,
-                     given_or_level_gid(pairs[kPairGid], current_level(var)));
+  return send_notice<'X', kInfoExBody>(var, pairs,
+                                       given_or_level_gid(pairs[kPairGid], current_level(var)));
 }
 
 int trace_event(MTR_CXT_VAR& var, Pairs pairs) {
   if (const int rc = trace_validate(var, 'V', kEventApi, var.rec, pairs[kPairSvcId], {}); rc != 0)
     return rc;
-  return send_notice(var, kKind<'V'>, pairs, pairs[kPairGid]);
+  return send_notice<'V', kEventBody>(var, pairs, pairs[kPairGid]);
 }
 
 int trace_errinfo(MTR_CXT_VAR& var, Pairs pairs) {
@@ -68,7 +70,7 @@ int trace_errinfo(MTR_CXT_VAR& var, Pairs pairs) {
   if (const int rc = trace_validate(var, 'E', kErrInfoApi, var.rec, Text::of(level->svc_id), {});
       rc != 0)
     return rc;
-  return send_notice(var, kKind<'E'>, pairs, Text::of(level->gid));
+  return send_notice<'E', kErrInfoBody>(var, pairs, Text::of(level->gid));
 }
 
 int emit_info(MTR_CXT_VAR& var, Text gid, Text svc_id, Text message) {

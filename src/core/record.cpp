@@ -17,9 +17,10 @@
 namespace varn {
 namespace {
 
-void put_field(char* view, const Field& field, Text text) {
-  put_padded(view + field.at, field.width, text);
-  view[field.at + field.width] = ' ';
+template <const Field& kField>
+void put_field(char* view, Text text) {
+  put_padded(view + kField.at, kField.width, text);
+  view[kField.at + kField.width] = ' ';
 }
 
 // The hash of a transaction's GID serves all its records.
@@ -74,21 +75,12 @@ void put_header(MTR_CXT_VAR& var, const RecordKind& kind, Pairs head, Text gid,
   };
   char* const view = var.rec.view;
   view[kRecType.at] = kind.rec_type;
-  put_field(view, kHdrCd, head[kPairHdrCd]);
-  put_field(view, kHdrFlag, head[kPairHdrFlag]);
-  put_field(view, kGid, gid);
-  put_field(view, kPid, given_or(kPairPidStr, Text::of(var.pid_txt)));
-  put_field(view, kDate, given_or(kPairDateStr, Text::of(stamp.date)));
-  put_field(view, kTime, given_or(kPairTimeStr, Text::of(stamp.time)));
-}
-
-void put_fields(char* view, std::span<const Field> fields, Pairs texts) {
-  // Blank once, then what is given: most texts of a service are not.
-  std::memset(view + fields.front().at, ' ', fields.back().end() - fields.front().at);
-  for (std::size_t i = 0; i < fields.size(); ++i) {
-    const std::size_t n = texts[i].size(fields[i].width);
-    if (n != 0) std::memcpy(view + fields[i].at, texts[i].ptr, n);
-  }
+  put_field<kHdrCd>(view, head[kPairHdrCd]);
+  put_field<kHdrFlag>(view, head[kPairHdrFlag]);
+  put_field<kGid>(view, gid);
+  put_field<kPid>(view, given_or(kPairPidStr, Text::of(var.pid_txt)));
+  put_field<kDate>(view, given_or(kPairDateStr, Text::of(stamp.date)));
+  put_field<kTime>(view, given_or(kPairTimeStr, Text::of(stamp.time)));
 }
 
 void close_record(MTR_CXT_VAR& var, const RecordKind& kind) {

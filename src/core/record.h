@@ -1,7 +1,9 @@
 // Composing a record in its thread's buffer and sending it.
 #pragma once
 
+#include <cstring>
 #include <span>
+#include <utility>
 
 #include "layout/gvar.h"
 #include "util/text.h"
@@ -17,8 +19,22 @@ TimeVal now();
 // a call's; `gid` stands for its GID.
 void put_header(MTR_CXT_VAR& var, const RecordKind& kind, Pairs head, Text gid, const Stamp& stamp);
 
-// Fills neighbouring fields, none of whose texts may lie in them.
-void put_fields(char* view, std::span<const Field> fields, Pairs texts);
+// Fills the neighbouring fields of a table from its `kFirst` on, none of whose texts may lie in
+// them. The table is known when compiling: each field costs the few instructions its width needs.
+template <const auto& kFields, std::size_t kFirst = 0>
+void put_fields(char* view, Pairs texts) {
+  // Blank once, then what is given: most texts of a service are not.
+  std::memset(view + kFields[kFirst].at, ' ', kFields.back().end() - kFields[kFirst].at);
+  const auto put = [&]<std::size_t kPlace>(std::integral_constant<std::size_t, kPlace>) {
+    constexpr Field kField = kFields[kFirst + kPlace];
+    const Text text = texts[kPlace];
+    move_text(view + kField.at, text.ptr, text.size(kField.width), kField.width);
+  };
+  [&]<std::size_t... kPlaces>(std::index_sequence<kPlaces...>) {
+    (put(std::integral_constant<std::size_t, kPlaces>{}), ...);
+  }
+  (std::make_index_sequence<kFields.size() - kFirst>{});
+}
 
 // Sets the length and blanks what a longer record left behind the body.
 void close_record(MTR_CXT_VAR& var, const RecordKind& kind);

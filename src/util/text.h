@@ -1,6 +1,7 @@
 // Text as it comes from a caller, and the two ways in which it goes into a fixed-width field.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -33,18 +34,63 @@ struct Text {
   std::string_view clipped(std::size_t width) const { return {ptr, size(width)}; }
 };
 
+// Both ends of `n` bytes as one word each; they overlap in the middle.
+template <typename Word>
+void move_ends(char* to, const char* from, std::size_t n) {
+  Word first;
+  Word last;
+  std::memcpy(&first, from, sizeof first);
+  std::memcpy(&last, from + n - sizeof last, sizeof last);
+  std::memcpy(to, &first, sizeof first);
+  std::memcpy(to + n - sizeof last, &last, sizeof last);
+}
+
+// memmove of `n` bytes, at most `width` of them, without a call where they are few: most fields of
+// a record are short, and the call alone costs more than their bytes do.
+inline void move_text(char* to, const char* from, std::size_t n, std::size_t width) {
+  if (width > 32 && n > 32)
+    std::memmove(to, from, n);
+  else if (width >= 16 && n >= 16)
+    move_ends<unsigned __int128>(to, from, n);
+  else if (width >= 8 && n >= 8)
+    move_ends<std::uint64_t>(to, from, n);
+  else if (width >= 4 && n >= 4)
+    move_ends<std::uint32_t>(to, from, n);
+  else if (width >= 2 && n >= 2)
+    move_ends<std::uint16_t>(to, from, n);
+  else if (n == 1)
+    *to = *from;
+}
+
 // Fills `width` bytes with the text, cut or padded with blanks. The text may overlap the field.
 inline void put_padded(char* field, std::size_t width, Text text) {
   const std::size_t n = text.size(width);
-  if (n != 0) std::memmove(field, text.ptr, n);
+  move_text(field, text.ptr, n, width);
   std::memset(field + n, ' ', width - n);
 }
+
+// "00" to "99".
+inline constexpr auto kDigitPairs = [] {
+  std::array<char, 200> pairs{};
+  for (std::size_t n = 0; n < 100; ++n) {
+    pairs[2 * n] = static_cast<char>('0' + n / 10);
+    pairs[2 * n + 1] = static_cast<char>('0' + n % 10);
+  }
+  return pairs;
+}();
 
 // Zero-filled decimal digits; a number too large for the field shows as the largest that fits, a
 // negative one as zero.
 inline void put_digits(char* field, std::size_t width, std::int64_t number) {
   std::uint64_t rest = number < 0 ? 0 : static_cast<std::uint64_t>(number);
-  for (std::size_t i = width; i-- > 0; rest /= 10) field[i] = static_cast<char>('0' + rest % 10);
+  std::memset(field, '0', width);
+  std::size_t at = width;
+  for (; rest != 0 && at >= 2; rest /= 100)
+    std::memcpy(field + (at -= 2), &kDigitPairs[rest % 100 * 2], 2);
+  if (rest != 0 && at == 1) {
+    field[0] = static_cast<char>('0' + rest % 10);
+    rest /= 10;
+  }
   if (rest != 0) std::memset(field, '9', width);
 }
 
