@@ -1,8 +1,10 @@
 /* libvarn: the calls a traced process makes. Plain C, usable from C99 and C++.
  *
- * A service calls TRAN_INIT once, TRAN_START where it begins to work on a request, TRAN_INFO,
- * TRAN_EVENT, TRAN_ERRINFO and TRAN_ERROR in between, and TRAN_END where it is done. Each call
- * composes one 784-byte record and puts it on a System V message queue without ever waiting: when
+ * A process calls TRAN_INIT once, and a service TRAN_START where it begins to work on a request and
+ * TRAN_END where it is done. In between, TRAN_CALLINFO_S and TRAN_CALLINFO_F stand around each
+ * business and database call, TRAN_SQL_STMT reports the SQL of a database call, TRAN_INFO,
+ * TRAN_EVENT, TRAN_ERRINFO and TRAN_ERROR what is worth knowing. Each of these that reports
+ * composes a record of 784 bytes and puts it on a System V message queue without ever waiting: when
  * the queue is full, the record is dropped and counted.
  *
  * Rules that hold for every call below:
@@ -56,13 +58,19 @@ enum tran_rc {
    * negative number is refused. Set VARN_THREAD_ID=kernel in the environment to number threads by
    * their kernel id instead. */
   TRAN_RC_NO_CONTEXT = 107,
+  TRAN_RC_CALL_TOO_DEEP = 109, /* a business call's end beyond the traced depth: not recorded */
+  TRAN_RC_CALL_SHORT = 110,    /* a business call shorter than its limit: not recorded */
+  TRAN_RC_DBIO_SHORT = 111,    /* a database call shorter than its limit: not recorded */
   TRAN_RC_NO_SERVICE = 112,    /* the record needs an open service */
-  TRAN_RC_TOO_MANY_SQL = 113,  /* too many SQL statements in the current database call */
+  TRAN_RC_TOO_MANY_SQL = 113,  /* a sixth SQL statement in one database call */
+  TRAN_RC_CALL_DEPTH = 115,    /* no call is open, or more than 51 are; ends without starts */
   TRAN_RC_NO_ENTRY = 116,      /* the thread has no entry in the shared process-thread table */
   TRAN_RC_NO_MUTEX = 117,      /* a bucket's mutex could not be initialised */
   TRAN_RC_FOREIGN_ENTRY = 118, /* the shared entry belongs to another thread */
   TRAN_RC_FILTERED = 121,      /* the service is excluded by service filtering */
+  TRAN_RC_DBIO_IN_DBIO = 122,  /* a database call cannot be opened inside another */
   TRAN_RC_DEPTH = 123,         /* no service is open, or too many are */
+  TRAN_RC_NOT_DBIO = 125,      /* the innermost open call is not a database call */
   TRAN_RC_SVCTIMEOUT = 126     /* TRAN_SET_SVCTIMEOUT was called: off until the next TRAN_INIT */
 };
 
@@ -177,6 +185,112 @@ VARN_API int TRAN_ERRINFO(TRAN_HEAD_PARAMETERS, const char* error_cd, int error_
  * Returns 0, or 103, 107 or 116 when the thread has no context. Inside another call of its thread
  * it only switches tracing off, and returns 105. */
 VARN_API int TRAN_SET_SVCTIMEOUT(int tid);
+
+/* ---- Calls inside a service ------------------------------------------------------------------ */
+
+/* What TRAN_CALLINFO_S and TRAN_CALLINFO_F take. Which of the two uses what, and how, is told at
+ * each; what it does not use may be null and zero. */
+/* clang-format off */
+#define TRAN_CALL_PARAMETERS                                                              \
+  TRAN_HEAD_PARAMETERS, const char* call_at, int call_at_len, const char* call_src,       \
+      int call_src_len, int line, int status, const char* func_nm, int func_nm_len,       \
+      const char* label, int label_len
+/* clang-format on */
+
+/* Opens a call of a function inside the thread's innermost service; sends nothing. It is a database
+ * call when the name matches the configured signature at the configured position, else a business
+ * call. Business calls nested deeper than the configured depth are counted, not traced.
+ *   call_at, call_src, line   where the call is made: place (70), source file (100), line number
+ *   status                    -1: the call's return code is of no interest (recorded as 99)
+ *   func_nm                   the function's name (70); null counts as an empty one
+ * Returns 0, or 99 to 103, 107, 112, 115, 116, 118, 121, 122, 123, 126. A start refused with 115 or
+ * 122 still counts as a call that its end closes. */
+VARN_API int TRAN_CALLINFO_S(TRAN_CALL_PARAMETERS);
+
+/* Closes the innermost open call, whatever its name, and records it (kind 'B' or 'C') when it took
+ * at least the configured time or ended with a return code of an error class: its time, that of the
+ * calls in it, place, function name, number and return code, for a database call also what was told
+ * of its SQL. Its pending SQL statements are sent before it.
+ *   hdr_cd, hdr_flag, pid_str, date_str, time_str   for the record's header
+ *   call_at, call_src, line   place (70), source file (the start's when null), line number
+ *   status                    the call's return code
+ *   func_nm                   decides whether this is the end of a database call
+ *   label                     what stands in front; "METHOD" for a business call when null
+ * The record's text is cut at 350 bytes. Returns the queue number, or 99 to 103, 105, 107, 109 to
+ * 112, 115, 116, 118, 121, 123, 126. */
+VARN_API int TRAN_CALLINFO_F(TRAN_CALL_PARAMETERS);
+
+/* ---- SQL of a database call ------------------------------------------------------------------ */
+
+/* Keeps an SQL identifier of up to 200 bytes in the thread's shared entry. Needs no service.
+ * Returns 0, or 99 to 103, 107, 116, 126. */
+VARN_API int TRAN_SQL_ID(int tid, const char* sql_id, int sql_id_len);
+
+#define TRAN_SQL_ADD 0   /* keep the statement until the database call ends */
+#define TRAN_SQL_FLUSH 1 /* send what is kept; the end of a database call does it by itself */
+#define TRAN_SQL_KIND_MS 9999
+
+/* Reports an SQL statement of the innermost open call, a database call. Up to five different
+ * statements are kept; the same one again, right after, is counted instead. Those that took at
+ * least the configured time are sent as records 'Q', in pieces of up to 350 bytes.
+ *   mode                  TRAN_SQL_ADD or TRAN_SQL_FLUSH; with any other it does nothing
+ *   date_str, time_str    of the records, as in TRAN_FIELD_LIST
+ *   kind                  the caller's statement kind, 16 bits
+ *   start, end            two words each, seconds and microseconds since 1970; with
+ *                         TRAN_SQL_KIND_MS one word each, milliseconds. Null: the current time
+ *   statement             zero-ended, up to 8,192 bytes; never cut inside a Hangul character
+ * Returns 0 or the queue number, or 99 to 103, 105, 107, 112, 113, 115, 116, 118, 121, 123, 125,
+ * 126. */
+VARN_API int TRAN_SQL_STMT(int tid, int mode, const char* date_str, int date_str_len,
+                           const char* time_str, int time_str_len, int kind, const int64_t* start,
+                           const int64_t* end, const char* statement);
+
+/* Takes the current time as that of the thread's next outermost TRAN_START or TRAN_END.
+ * Returns 0, or 99, 101, 103, 107, 116, 126. */
+VARN_API int TRAN_SET_TIME(int tid);
+
+/* Whether a statement that took `elapsed_us` microseconds would be sent: 0; -1 when it is shorter
+ * than the service's limit; 103, 107 or 116. */
+VARN_API int TRAN_CHECK_SQL_TIME(int tid, int64_t elapsed_us);
+
+/* The hash by which services stand in their table, of a whole zero-ended text; 0 for null. `tid`
+ * and the three arguments behind it are not used. */
+VARN_API int TRAN_GET_HASH_CODE(int tid, const void* unused1, const void* unused2, int unused3,
+                                const char* text);
+
+/* Says whether the thread is in a database call (low byte of `status`), for those who look at the
+ * shared entry. Returns 0, 103, 107 or 116. */
+VARN_API int TRAN_SET_DBIO_STS(int tid, int status);
+
+/* Reports the outcome of the innermost open database call's SQL. 0 and 1403 (no data) do not
+ * replace an earlier code; any other one is kept with its message (100 bytes) and raises event
+ * "1810". `message` is zero-ended, `line` the statement's line in its source.
+ * Returns 0, also when the innermost call is a business call; 103, 107, 115, 116, 123. */
+VARN_API int TRAN_SET_SQLCA_INFO(int tid, int64_t sqlcode, const char* message, int16_t line);
+
+/* Names the database user and instance (10 bytes each) that records of database calls show. To be
+ * called before TRAN_INIT; a null leaves what was set before. `tid` is not used. Returns 0. */
+VARN_API int TRAN_SET_DBCONN_INFO(int tid, const char* user, const char* instance);
+
+/* Reports rows fetched and the time it took in microseconds, for the current database call and for
+ * the service. Returns 0, 103, 107 or 116. */
+VARN_API int TRAN_SET_FETCH_INFO(int tid, int rows, int64_t time_us, int16_t line);
+
+/* ---- Every function of a program ------------------------------------------------------------- */
+
+/* Names a function for the hooks below. The first name given to an address stays. The name is
+ * copied; a null one is ignored. */
+VARN_API void TRAN_ADD_PROFILE(uint64_t func_addr, const char* func_name);
+
+/* Forgets a function's name. */
+VARN_API void TRAN_DEL_PROFILE(uint64_t func_addr);
+
+/* What code compiled with -finstrument-functions calls. Each makes the call's TRAN_CALLINFO_S or
+ * TRAN_CALLINFO_F under the function's name ("?" without one) and the label "DYCALL", and prints a
+ * line of the call tree: the opening one to standard error, the closing one to standard output (not
+ * with VARN_CONSOLE=off). */
+VARN_API void __cyg_profile_func_enter(void* this_fn, void* call_site);
+VARN_API void __cyg_profile_func_exit(void* this_fn, void* call_site);
 
 /* ---- Helpers, for tools and for hosts that compose records of their own ---------------------- */
 

@@ -13,17 +13,13 @@ namespace {
 using Trace = int (*)(MTR_CXT_VAR&, Pairs);
 
 int trace_call(int tid, const RecordKind& kind, Trace trace, Pairs pairs) {
-  Call call(kind.log_flag);
-  if (call.code() != 0) return call.code();
-  MTR_CXT_VAR* var = nullptr;
-  if (const int rc = call.find_context(tid, &var); rc != 0) return rc;
-  return trace(*var, pairs);
+  return Call(kind.log_flag).in_context(tid, [&](MTR_CXT_VAR& var) { return trace(var, pairs); });
 }
 
 // "[#1-C5] function at place (source::00042)[10:20:30.123456]": the innermost open call.
 void describe_call(const CallEntry& call, int call_top, StampCache& cache, char* out,
                    std::size_t size) {
-  const TimeVal start = {load(call.start_tv.sec), load(call.start_tv.usec)};
+  const TimeVal start = load_time(call.start_tv);
   const Stamp stamp = local_stamp(cache, start.sec, start.usec);
   std::snprintf(out, size, "[#%d-%c%d] %.*s at %.*s (%.*s::%05d)[%.2s:%.2s:%.2s.%.6s]", call_top,
                 load(call.type), load(call.seq), static_cast<int>(sizeof call.func_nm),
@@ -97,14 +93,13 @@ int TRAN_ERRINFO(TRAN_HEAD_PARAMETERS, const char* error_cd, int error_cd_len,
 }
 
 int TRAN_SET_SVCTIMEOUT(int tid) {
-  Announced announced(kInCall);
-  if (announced.code() == TRAN_RC_NOT_SENT) store(gvar.svc_timeout_flag, 1);
-  if (announced.code() != 0) return announced.code();
-  MTR_CXT_VAR* var = nullptr;
-  if (const int rc = get_mtr_cxt_var(announced.caller(), tid, &var); rc != 0) return rc;
-  report_svctimeout(*var);
-  store(gvar.svc_timeout_flag, 1);
-  return TRAN_RC_OK;
+  Call call;
+  if (call.code() == TRAN_RC_NOT_SENT) store(gvar.svc_timeout_flag, 1);
+  return call.in_context(tid, [](MTR_CXT_VAR& var) {
+    report_svctimeout(var);
+    store(gvar.svc_timeout_flag, 1);
+    return TRAN_RC_OK;
+  });
 }
 
 }  // extern "C"

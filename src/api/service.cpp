@@ -46,14 +46,6 @@ bool has_gid(const SvcLevel& level, Text gid) {
   return std::memcmp(level.gid, padded, sizeof padded) == 0;
 }
 
-std::int64_t elapsed_us(const TimeVal& from, const TimeVal& to) {
-  // Either may be garbage in the shared entry; unsigned arithmetic cannot overflow.
-  const auto us = [](const TimeVal& tv) {
-    return static_cast<std::uint64_t>(tv.sec) * kUsPerSec + static_cast<std::uint64_t>(tv.usec);
-  };
-  return static_cast<std::int64_t>(us(to) - us(from));
-}
-
 void set_depth(MTR_CXT_VAR& var, int depth) {
   var.svc_depth = static_cast<std::int8_t>(depth);
   if (var.ptrc != nullptr) store(var.ptrc->entry_depth, var.svc_depth);
@@ -76,16 +68,11 @@ void put_service(MTR_CXT_VAR& var, const RecordKind& kind, Pairs pairs, std::int
 
 // A time set ahead is used once.
 bool take_preset_time(PTRC_HASH_ENT& entry, TimeVal* out) {
-  const TimeVal preset = {load(entry.preset_time.sec), load(entry.preset_time.usec)};
+  const TimeVal preset = load_time(entry.preset_time);
   if (preset.sec == 0) return false;
   store(entry.preset_time.sec, std::int64_t{0});
   *out = preset;
   return true;
-}
-
-void store_time(TimeVal& place, const TimeVal& tv) {
-  store(place.sec, tv.sec);
-  store(place.usec, tv.usec);
 }
 
 // Date and time of a record: the date is the current one, the time that of `moment`.
@@ -272,7 +259,7 @@ int start_service(MTR_CXT_VAR& var, int tid, Pairs pairs) {
   }
   const TimeVal current = now();
   const TimeVal moment = pairs[kPairTimeStr].given() ? current : start_moment(var, current);
-  put_header(var, kKind<'1'>, pairs.first(kHeadPairs), pairs[kPairGid],
+  put_header(var, var.rec, kKind<'1'>, pairs.first(kHeadPairs), pairs[kPairGid],
              stamp_of(var, current, moment));
   put_service(var, kKind<'1'>, pairs, 0, 0);
   if (var.svc_depth == 1) stamp_entry(var, current);
@@ -352,8 +339,7 @@ EndTimes end_times(MTR_CXT_VAR& var, Pairs pairs, const TimeVal& current) {
   PTRC_HASH_ENT& entry = *var.ptrc;
   take_preset_time(entry, &times.moment);
   store_time(entry.svc_end_time, times.moment);
-  times.elapsed =
-      elapsed_us({load(entry.svc_start_time.sec), load(entry.svc_start_time.usec)}, times.moment);
+  times.elapsed = elapsed_us(load_time(entry.svc_start_time), times.moment);
   times.dbio_elapsed = load(entry.dbio_elapsed_total);
   return times;
 }
@@ -403,7 +389,7 @@ int end_service(MTR_CXT_VAR& var, int tid, Pairs pairs) {
 
   const TimeVal current = now();
   const EndTimes times = end_times(var, pairs, current);
-  put_header(var, kKind<'2'>, pairs.first(kHeadPairs), Text::of(top.gid),
+  put_header(var, var.rec, kKind<'2'>, pairs.first(kHeadPairs), Text::of(top.gid),
              stamp_of(var, current, times.moment));
   put_padded(var.rec.view + kSvcId.at, kSvcId.width, Text::of(top.svc_id));  // notices wrote theirs
   put_service(var, kKind<'2'>, pairs, times.elapsed, times.dbio_elapsed);
@@ -420,14 +406,14 @@ int end_service(MTR_CXT_VAR& var, int tid, Pairs pairs) {
 
 // ---- Error ----
 
-int report_error(MTR_CXT_VAR& var, int, Pairs pairs) {
+int report_error(MTR_CXT_VAR& var, Pairs pairs) {
   const SvcLevel* const level = current_level(var);
   if (level == nullptr) return TRAN_RC_DEPTH;
   if (const int rc = trace_validate(var, '9', kErrorApi, var.rec, Text::of(level->svc_id), {});
       rc != 0)
     return rc;
   const TimeVal current = now();
-  put_header(var, kKind<'9'>, pairs.first(kHeadPairs), Text::of(level->gid),
+  put_header(var, var.rec, kKind<'9'>, pairs.first(kHeadPairs), Text::of(level->gid),
              local_stamp(var.stamp, current.sec, current.usec));
   put_service(var, kKind<'9'>, pairs, 0, 0);
   return tran_logb(var, var.rec);
@@ -453,21 +439,17 @@ int TRAN_START(int tid TRAN_FIELD_PARAMETERS) {
 }
 
 int TRAN_END(int tid TRAN_FIELD_PARAMETERS) {
-  Call call(kKind<'2'>.log_flag);
-  if (call.code() != 0) return call.code();
-  MTR_CXT_VAR* var = nullptr;
-  if (const int rc = call.find_context(tid, &var); rc != 0) return rc;
-  const Text pairs[] = {VARN_FIELD_VIEWS};
-  return end_service(*var, tid, pairs);
+  return Call(kKind<'2'>.log_flag).in_context(tid, [&](MTR_CXT_VAR& var) {
+    const Text pairs[] = {VARN_FIELD_VIEWS};
+    return end_service(var, tid, pairs);
+  });
 }
 
 int TRAN_ERROR(int tid TRAN_FIELD_PARAMETERS) {
-  Call call(kKind<'9'>.log_flag);
-  if (call.code() != 0) return call.code();
-  MTR_CXT_VAR* var = nullptr;
-  if (const int rc = call.find_context(tid, &var); rc != 0) return rc;
-  const Text pairs[] = {VARN_FIELD_VIEWS};
-  return report_error(*var, tid, pairs);
+  return Call(kKind<'9'>.log_flag).in_context(tid, [&](MTR_CXT_VAR& var) {
+    const Text pairs[] = {VARN_FIELD_VIEWS};
+    return report_error(var, pairs);
+  });
 }
 
 }  // extern "C"

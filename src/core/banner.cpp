@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "core/gvar.h"
+#include "util/console.h"
 
 namespace varn {
 namespace {

@@ -52,16 +52,30 @@ class [[nodiscard]] Announced {
   int saved_errno_ = errno;
 };
 
-// A traced call: announced, admitted for its record kind, and in its thread's context.
+// A traced call: announced, admitted for its record kind where it has one, and in its thread's
+// context.
 class [[nodiscard]] Call {
  public:
-  explicit Call(std::uint8_t log_flag)
-      : announced_(kInCall), code_(announced_.code() != 0 ? announced_.code() : admit(log_flag)) {}
+  Call() : announced_(kInCall), code_(announced_.code()) {}
+  explicit Call(std::uint8_t log_flag) : Call() { admit_for(log_flag); }
+
+  void admit_for(std::uint8_t log_flag) {
+    if (code_ == TRAN_RC_OK) code_ = admit(log_flag);
+  }
 
   int code() const { return code_; }  // 0 when admitted
 
   int find_context(int tid, MTR_CXT_VAR** out) {
     return get_mtr_cxt_var(announced_.caller(), tid, out);
+  }
+
+  // What `work` returns of the context, or why it was not reached.
+  template <typename Work>
+  int in_context(int tid, Work work) {
+    if (code_ != TRAN_RC_OK) return code_;
+    MTR_CXT_VAR* var = nullptr;
+    if (const int rc = find_context(tid, &var); rc != 0) return rc;
+    return work(*var);
   }
 
  private:

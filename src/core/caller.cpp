@@ -12,13 +12,40 @@ namespace varn {
 namespace {
 
 constinit Caller callers[kMaxCallers] = {};
-std::atomic<std::uint32_t> next_caller;  // where the search for a free record begins
+std::atomic<std::uint32_t> next_caller;   // where the search for a free record begins
+std::atomic<std::uint32_t> callers_ever;  // records behind this one were never anybody's
 
 // Whether its thread is inside a call. A thread that was cancelled there never left it, but is
 // gone.
 bool is_inside(const Caller& caller) {
   return caller.state.load(std::memory_order_acquire) == kInCall &&
          thread_exists(caller.kernel_tid.load(std::memory_order_relaxed));
+}
+
+bool is_reading(const Caller& caller) {
+  return caller.reading.load(std::memory_order_acquire) != 0 &&
+         thread_exists(caller.kernel_tid.load(std::memory_order_relaxed));
+}
+
+// Waits until `is_busy` holds for no caller but `self`.
+template <typename IsBusy>
+bool wait_until_none(IsBusy is_busy, const Caller* self, int milliseconds) {
+  heavy_fence();
+  const std::uint32_t ever = callers_ever.load(std::memory_order_relaxed);
+  for (std::uint32_t n = 0; n < ever; ++n) {
+    while (&callers[n] != self && is_busy(callers[n])) {
+      if (milliseconds-- <= 0) return false;
+      usleep(1000);
+    }
+  }
+  return true;
+}
+
+void note_used(std::uint32_t place) {
+  std::uint32_t ever = callers_ever.load(std::memory_order_relaxed);
+  while (ever <= place &&
+         !callers_ever.compare_exchange_weak(ever, place + 1, std::memory_order_relaxed)) {
+  }
 }
 
 bool take_over(Caller& caller, std::int32_t kernel_tid) {
@@ -31,6 +58,7 @@ bool take_over(Caller& caller, std::int32_t kernel_tid) {
   // it.
   static_cast<void>(caller.state.load(std::memory_order_acquire));
   caller.state.store(kOutside, std::memory_order_release);
+  caller.reading.store(0, std::memory_order_release);
   caller.var.store(nullptr, std::memory_order_relaxed);
   return true;
 }
@@ -50,8 +78,10 @@ Caller* claim_caller() {
   const std::uint32_t first = next_caller.fetch_add(1, std::memory_order_relaxed);
   Caller* claimed = nullptr;
   for (std::uint32_t n = 0; n < kMaxCallers && claimed == nullptr; ++n) {
-    Caller& caller = callers[(first + n) % kMaxCallers];
-    if (take_over(caller, kernel_tid)) claimed = &caller;
+    const std::uint32_t place = (first + n) % kMaxCallers;
+    if (!take_over(callers[place], kernel_tid)) continue;
+    claimed = &callers[place];
+    note_used(place);
   }
   if (claimed == nullptr) full_in.store(second, std::memory_order_relaxed);
   my_caller = claimed;
@@ -66,21 +96,20 @@ bool thread_exists(std::int32_t kernel_tid) {
 bool used_inside_a_call(const MTR_CXT_VAR& var, const Caller* self) {
   heavy_fence();
   // Every state is read, so that all that ended threads did comes before what follows.
-  for (const Caller& caller : callers)
-    if (&caller != self && is_inside(caller) && caller.var.load(std::memory_order_relaxed) == &var)
+  const std::uint32_t ever = callers_ever.load(std::memory_order_relaxed);
+  for (std::uint32_t n = 0; n < ever; ++n)
+    if (&callers[n] != self && is_inside(callers[n]) &&
+        callers[n].var.load(std::memory_order_relaxed) == &var)
       return true;
   return false;
 }
 
 bool wait_for_callers(const Caller* self, int milliseconds) {
-  heavy_fence();
-  for (const Caller& caller : callers) {
-    while (&caller != self && is_inside(caller)) {
-      if (milliseconds-- <= 0) return false;
-      usleep(1000);
-    }
-  }
-  return true;
+  return wait_until_none(is_inside, self, milliseconds);
+}
+
+bool wait_for_readers(const Caller* self, int milliseconds) {
+  return wait_until_none(is_reading, self, milliseconds);
 }
 
 void forget_callers() {

@@ -22,6 +22,7 @@ enum CallerState : std::uint32_t {
 struct alignas(64) Caller {
   std::atomic<std::int32_t> kernel_tid;  // 0: free
   std::atomic<std::uint32_t> state;      // CallerState
+  std::atomic<std::uint32_t> reading;    // 1 while an instrumentation hook reads the profile list
   std::atomic<MTR_CXT_VAR*> var;         // context used last, valid while claim_no is its claim's
   std::uint64_t claim_no;
   std::int64_t tid_arg;  // thread number it was asked for with; every negative one is -1
@@ -44,6 +45,9 @@ bool used_inside_a_call(const MTR_CXT_VAR& var, const Caller* self);
 
 // Waits until no thread but `self` is inside a call; false when one still is after the time.
 bool wait_for_callers(const Caller* self, int milliseconds);
+
+// The same for those that read the profile list.
+bool wait_for_readers(const Caller* self, int milliseconds);
 
 // After a fork, in the child: its only thread is not one of the parent's.
 void forget_callers();

@@ -16,6 +16,7 @@
 #include "core/tran_ex.h"
 #include "hash/get_ptrc_hash.h"
 #include "util/cancel_guard.h"
+#include "util/console.h"
 #include "util/log_printf.h"
 #include "util/sem.h"
 #include "util/shared_word.h"

@@ -1,8 +1,5 @@
 #include "core/gvar.h"
 
-#include <cstdlib>
-#include <cstring>
-
 namespace varn {
 
 Gvar gvar;
@@ -16,10 +13,5 @@ char tong_log_home_dir[512];
 std::int32_t write_qidx_idx_gid_rng_pos;
 std::int32_t write_qidx_idx_gid_rng_siz;
 bool use_kernel_tid;
-
-bool console_is_off() {
-  const char* const setting = secure_getenv("VARN_CONSOLE");
-  return setting != nullptr && std::strcmp(setting, "off") == 0;
-}
 
 }  // namespace varn

@@ -30,7 +30,4 @@ extern std::int32_t write_qidx_idx_gid_rng_siz;
 // VARN_THREAD_ID=kernel: the calling thread's id is the kernel's, not the POSIX one.
 extern bool use_kernel_tid;
 
-// VARN_CONSOLE=off: nothing is written to the host's console.
-bool console_is_off();
-
 }  // namespace varn

@@ -17,7 +17,8 @@ template <char kRecType, const auto& kBody>
 int send_notice(MTR_CXT_VAR& var, Pairs pairs, Text gid) {
   const TimeVal tv = now();
   const RecordKind& kind = kKind<kRecType>;
-  put_header(var, kind, pairs.first(kHeadPairs), gid, local_stamp(var.stamp, tv.sec, tv.usec));
+  put_header(var, var.rec, kind, pairs.first(kHeadPairs), gid,
+             local_stamp(var.stamp, tv.sec, tv.usec));
   put_fields<kBody>(var.rec.view, pairs.subspan(kHeadPairs));
   close_record(var, kind);
   return tran_logb(var, var.rec);

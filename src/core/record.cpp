@@ -1,7 +1,5 @@
 #include "core/record.h"
 
-#include <sys/time.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -10,7 +8,6 @@
 
 #include "core/gvar.h"
 #include "hash/hash.h"
-#include "util/clock.h"
 #include "util/msgq.h"
 #include "util/shared_word.h"
 
@@ -62,18 +59,12 @@ std::uint32_t queue_hash(MTR_CXT_VAR& var, const TRAN_LOGF_QUE_DATA& record) {
 
 }  // namespace
 
-TimeVal now() {
-  timeval tv = {};
-  gettimeofday(&tv, nullptr);
-  return {tv.tv_sec, tv.tv_usec};
-}
-
-void put_header(MTR_CXT_VAR& var, const RecordKind& kind, Pairs head, Text gid,
-                const Stamp& stamp) {
+void put_header(const MTR_CXT_VAR& var, TRAN_LOGF_QUE_DATA& record, const RecordKind& kind,
+                Pairs head, Text gid, const Stamp& stamp) {
   const auto given_or = [&](Pair pair, Text other) {
     return head[pair].given() ? head[pair] : other;
   };
-  char* const view = var.rec.view;
+  char* const view = record.view;
   view[kRecType.at] = kind.rec_type;
   put_field<kHdrCd>(view, head[kPairHdrCd]);
   put_field<kHdrFlag>(view, head[kPairHdrFlag]);

@@ -12,12 +12,10 @@ namespace varn {
 
 using Pairs = std::span<const Text>;
 
-// The current time of day.
-TimeVal now();
-
-// Fills the header but for the service id, which validation has written. The first seven pairs are
-// a call's; `gid` stands for its GID.
-void put_header(MTR_CXT_VAR& var, const RecordKind& kind, Pairs head, Text gid, const Stamp& stamp);
+// Fills the header of one of the context's two records, but for the service id, which validation
+// has written. The first seven pairs are a call's; `gid` stands for its GID.
+void put_header(const MTR_CXT_VAR& var, TRAN_LOGF_QUE_DATA& record, const RecordKind& kind,
+                Pairs head, Text gid, const Stamp& stamp);
 
 // Fills the neighbouring fields of a table from its `kFirst` on, none of whose texts may lie in
 // them. The table is known when compiling: each field costs the few instructions its width needs.

@@ -14,6 +14,7 @@
 #include "core/notice.h"
 #include "core/start_up.h"
 #include "util/cancel_guard.h"
+#include "util/console.h"
 #include "util/fence.h"
 #include "util/log_printf.h"
 #include "util/message.h"
@@ -194,6 +195,7 @@ int start_agent() {
   if (announced.code() != 0) return announced.code();
   const MainGuard guard;
   prepare_process();
+  read_console_setting();
   return start_locked(announced.caller());
 }
 

@@ -8,6 +8,7 @@
 
 #include "layout/index_stack.h"
 #include "layout/pin.h"
+#include "layout/stamp.h"
 #include "varn/tran.h"
 
 namespace varn {
@@ -15,11 +16,7 @@ namespace varn {
 inline constexpr int kMaxSvcDepth = 10;   // nested services of a thread
 inline constexpr int kMaxCallDepth = 51;  // open calls of a thread
 inline constexpr int kSqlEntries = 5;     // pending SQL statements of a database call
-
-struct TimeVal {
-  std::int64_t sec;
-  std::int64_t usec;
-};
+inline constexpr std::int64_t kNoSqlcode = 9'999;
 
 // One open call of a thread's call stack.
 struct CallEntry {
@@ -50,6 +47,30 @@ VARN_PIN(CallEntry, force_rec, 296);
 VARN_PIN(CallEntry, lvl_elapsed_us, 304);
 VARN_PIN(CallEntry, lvl_dbio_us, 312);
 static_assert(sizeof(CallEntry) == 320);
+
+inline constexpr int kMaxSqlText = 8'192;
+
+// One pending SQL statement of a database call.
+struct SqlEntry {
+  std::uint8_t reserved[152];
+  std::int16_t stmt_len;
+  std::int16_t stmt_kind;
+  char padding1[4];
+  TimeVal stmt_start_tv;
+  TimeVal stmt_end_tv;  // of the last execution
+  char stmt_func_nm[71];
+  char stmt_text[kMaxSqlText + 1];
+  std::uint32_t stmt_exec_cnt;  // executions in a row
+  char padding2[4];
+};
+VARN_PIN(SqlEntry, stmt_len, 152);
+VARN_PIN(SqlEntry, stmt_kind, 154);
+VARN_PIN(SqlEntry, stmt_start_tv, 160);
+VARN_PIN(SqlEntry, stmt_end_tv, 176);
+VARN_PIN(SqlEntry, stmt_func_nm, 192);
+VARN_PIN(SqlEntry, stmt_text, 263);
+VARN_PIN(SqlEntry, stmt_exec_cnt, 8'456);
+static_assert(sizeof(SqlEntry) == 8'464);
 
 // One open service level, as other processes see it.
 struct EntryLevel {
@@ -130,11 +151,13 @@ struct PTRC_HASH_ENT {
   std::int64_t dbio_elapsed_total;  // microseconds of database calls in the service
   std::int32_t sql_cnt;             // pending SQL entries
   std::uint8_t unused5[4];
-  std::uint8_t sql_ent[kSqlEntries][8'464];
+  SqlEntry sql_ent[kSqlEntries];
   char sql_id[200];
-  std::uint8_t unused6[136];
-  std::int64_t sqlcode;
-  std::uint8_t unused7[104];
+  char blank4;
+  std::uint8_t unused6[135];
+  std::int64_t sqlcode;  // kNoSqlcode: none in this call
+  char sql_errm[100];    // message of the last failed statement
+  std::uint8_t unused7[4];
   std::int32_t cur_fetch_rows;
   std::int32_t cur_fetch_time_us;
   std::int32_t sql_line;
@@ -188,6 +211,7 @@ VARN_PIN(PTRC_HASH_ENT, sql_cnt, 17'272);
 VARN_PIN(PTRC_HASH_ENT, sql_ent, 17'280);
 VARN_PIN(PTRC_HASH_ENT, sql_id, 59'600);
 VARN_PIN(PTRC_HASH_ENT, sqlcode, 59'936);
+VARN_PIN(PTRC_HASH_ENT, sql_errm, 59'944);
 VARN_PIN(PTRC_HASH_ENT, cur_fetch_rows, 60'048);
 VARN_PIN(PTRC_HASH_ENT, cur_fetch_time_us, 60'052);
 VARN_PIN(PTRC_HASH_ENT, sql_line, 60'056);

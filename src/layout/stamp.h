@@ -1,9 +1,17 @@
-// A moment as the text that records show, and what is remembered from one moment to the next.
+// A moment as the shared tables hold it, as the text that records show, and what is remembered from
+// one moment to the next.
 #pragma once
 
 #include <cstdint>
 
 namespace varn {
+
+// Since 1970, UTC.
+struct TimeVal {
+  std::int64_t sec;
+  std::int64_t usec;
+};
+static_assert(sizeof(TimeVal) == 16);
 
 struct Stamp {
   char date[8];   // YYYYMMDD, local

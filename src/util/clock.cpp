@@ -1,5 +1,7 @@
 #include "util/clock.h"
 
+#include <sys/time.h>
+
 #include <algorithm>
 #include <cstring>
 #include <ctime>
@@ -67,6 +69,12 @@ void refresh_second(StampCache& cache, std::int64_t sec) {
 }
 
 }  // namespace
+
+TimeVal now() {
+  timeval tv = {};
+  gettimeofday(&tv, nullptr);
+  return {tv.tv_sec, tv.tv_usec};
+}
 
 Stamp local_stamp(StampCache& cache, std::int64_t sec, std::int64_t usec) {
   if (sec != cache.second || cache.date[0] == '\0') [[unlikely]]

@@ -13,27 +13,32 @@ namespace varn {
 template <std::size_t kCapacity>
 class Message {
  public:
-  Message& operator<<(std::string_view piece) {
-    const std::size_t room = kCapacity - size_;
-    const std::size_t n = piece.size() < room ? piece.size() : room;
-    std::memcpy(bytes_ + size_, piece.data(), n);
-    size_ += n;
-    return *this;
-  }
+  Message& operator<<(std::string_view piece) { return append(piece, kCapacity); }
   Message& operator<<(char c) { return *this << std::string_view(&c, 1); }
-  Message& operator<<(std::int64_t number) {
-    char digits[20];
+  Message& operator<<(std::int64_t number) { return padded(number, 1); }
+  Message& operator<<(std::int32_t number) { return *this << static_cast<std::int64_t>(number); }
+
+  // As "%0<width>ld" prints it.
+  Message& padded(std::int64_t number, std::size_t width) {
+    char digits[kMostDigits];
     std::size_t at = sizeof digits;
     std::uint64_t rest =
         number < 0 ? 0 - static_cast<std::uint64_t>(number) : static_cast<std::uint64_t>(number);
-    do {
-      digits[--at] = static_cast<char>('0' + rest % 10);
-      rest /= 10;
-    } while (rest != 0);
-    if (number < 0) *this << '-';
-    return *this << std::string_view(digits + at, sizeof digits - at);
+    for (; rest >= 10; rest /= 100)
+      std::memcpy(digits + (at -= 2), &kDigitPairs[rest % 100 * 2], 2);
+    if (rest != 0) digits[--at] = static_cast<char>('0' + rest);
+    if (number < 0) {
+      *this << '-';
+      if (width > 0) --width;
+    }
+    while (sizeof digits - at < width && at > 0) digits[--at] = '0';
+    return append({digits + at, sizeof digits - at}, sizeof digits);
   }
-  Message& operator<<(std::int32_t number) { return *this << static_cast<std::int64_t>(number); }
+
+  // Microseconds as "%ld.%06ld" prints their seconds and the rest, both truncated toward zero.
+  Message& seconds(std::int64_t us) {
+    return (*this << us / 1'000'000 << '.').padded(us % 1'000'000, 6);
+  }
 
   // As "%6.2f" prints a number below 10^16. Exact: a float times 100 still fits a double's 53
   // bits, and both round halves to even.
@@ -57,6 +62,17 @@ class Message {
   Text text() const { return {bytes_, static_cast<std::int32_t>(size_)}; }
 
  private:
+  // A piece of at most `most` bytes.
+  Message& append(std::string_view piece, std::size_t most) {
+    const std::size_t room = kCapacity - size_;
+    const std::size_t n = piece.size() < room ? piece.size() : room;
+    move_text(bytes_ + size_, piece.data(), n, most);
+    size_ += n;
+    return *this;
+  }
+
+  static constexpr std::size_t kMostDigits = 20;
+
   std::size_t size_ = 0;
   char bytes_[kCapacity];
 };
