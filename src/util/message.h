@@ -13,7 +13,14 @@ namespace varn {
 template <std::size_t kCapacity>
 class Message {
  public:
-  Message& operator<<(std::string_view piece) { return append(piece, kCapacity); }
+  // Out of line: a message has many pieces, and its cost is in their bytes.
+  [[gnu::noinline]] Message& operator<<(std::string_view piece) {
+    const std::size_t room = kCapacity - size_;
+    const std::size_t n = piece.size() < room ? piece.size() : room;
+    move_text(bytes_ + size_, piece.data(), n, kCapacity);
+    size_ += n;
+    return *this;
+  }
   Message& operator<<(char c) { return *this << std::string_view(&c, 1); }
   Message& operator<<(std::int64_t number) { return padded(number, 1); }
   Message& operator<<(std::int32_t number) { return *this << static_cast<std::int64_t>(number); }
@@ -32,7 +39,7 @@ class Message {
       if (width > 0) --width;
     }
     while (sizeof digits - at < width && at > 0) digits[--at] = '0';
-    return append({digits + at, sizeof digits - at}, sizeof digits);
+    return *this << std::string_view(digits + at, sizeof digits - at);
   }
 
   // Microseconds as "%ld.%06ld" prints their seconds and the rest, both truncated toward zero.
@@ -62,15 +69,6 @@ class Message {
   Text text() const { return {bytes_, static_cast<std::int32_t>(size_)}; }
 
  private:
-  // A piece of at most `most` bytes.
-  Message& append(std::string_view piece, std::size_t most) {
-    const std::size_t room = kCapacity - size_;
-    const std::size_t n = piece.size() < room ? piece.size() : room;
-    move_text(bytes_ + size_, piece.data(), n, most);
-    size_ += n;
-    return *this;
-  }
-
   static constexpr std::size_t kMostDigits = 20;
 
   std::size_t size_ = 0;
