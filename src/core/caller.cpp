@@ -1,5 +1,6 @@
 #include "core/caller.h"
 
+#include <sched.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -22,25 +23,6 @@ bool is_inside(const Caller& caller) {
          thread_exists(caller.kernel_tid.load(std::memory_order_relaxed));
 }
 
-bool is_reading(const Caller& caller) {
-  return caller.reading.load(std::memory_order_acquire) != 0 &&
-         thread_exists(caller.kernel_tid.load(std::memory_order_relaxed));
-}
-
-// Waits until `is_busy` holds for no caller but `self`.
-template <typename IsBusy>
-bool wait_until_none(IsBusy is_busy, const Caller* self, int milliseconds) {
-  heavy_fence();
-  const std::uint32_t ever = callers_ever.load(std::memory_order_relaxed);
-  for (std::uint32_t n = 0; n < ever; ++n) {
-    while (&callers[n] != self && is_busy(callers[n])) {
-      if (milliseconds-- <= 0) return false;
-      usleep(1000);
-    }
-  }
-  return true;
-}
-
 void note_used(std::uint32_t place) {
   std::uint32_t ever = callers_ever.load(std::memory_order_relaxed);
   while (ever <= place &&
@@ -58,7 +40,7 @@ bool take_over(Caller& caller, std::int32_t kernel_tid) {
   // it.
   static_cast<void>(caller.state.load(std::memory_order_acquire));
   caller.state.store(kOutside, std::memory_order_release);
-  caller.reading.store(0, std::memory_order_release);
+  caller.hooks.store(0, std::memory_order_release);
   caller.var.store(nullptr, std::memory_order_relaxed);
   return true;
 }
@@ -105,11 +87,36 @@ bool used_inside_a_call(const MTR_CXT_VAR& var, const Caller* self) {
 }
 
 bool wait_for_callers(const Caller* self, int milliseconds) {
-  return wait_until_none(is_inside, self, milliseconds);
+  heavy_fence();
+  const std::uint32_t ever = callers_ever.load(std::memory_order_relaxed);
+  for (std::uint32_t n = 0; n < ever; ++n) {
+    while (&callers[n] != self && is_inside(callers[n])) {
+      if (milliseconds-- <= 0) return false;
+      usleep(1000);
+    }
+  }
+  return true;
 }
 
-bool wait_for_readers(const Caller* self, int milliseconds) {
-  return wait_until_none(is_reading, self, milliseconds);
+bool wait_for_hooks(const Caller* self, int milliseconds) {
+  constexpr int kQuickLooks = 1000;  // a hook is left sooner than a sleep would end
+  heavy_fence();
+  const std::uint32_t ever = callers_ever.load(std::memory_order_relaxed);
+  for (std::uint32_t n = 0; n < ever; ++n) {
+    const Caller& caller = callers[n];
+    const std::uint32_t hooks = caller.hooks.load(std::memory_order_acquire);
+    if (&caller == self || hooks % 2 == 0) continue;
+    for (int looks = 0; caller.hooks.load(std::memory_order_acquire) == hooks; ++looks) {
+      if (looks < kQuickLooks) {
+        sched_yield();
+        continue;
+      }
+      if (!thread_exists(caller.kernel_tid.load(std::memory_order_relaxed))) break;
+      if (milliseconds-- <= 0) return false;
+      usleep(1000);
+    }
+  }
+  return true;
 }
 
 void forget_callers() {

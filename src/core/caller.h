@@ -22,7 +22,7 @@ enum CallerState : std::uint32_t {
 struct alignas(64) Caller {
   std::atomic<std::int32_t> kernel_tid;  // 0: free
   std::atomic<std::uint32_t> state;      // CallerState
-  std::atomic<std::uint32_t> reading;    // 1 while an instrumentation hook reads the profile list
+  std::atomic<std::uint32_t> hooks;      // instrumentation hooks entered and left: odd inside one
   std::atomic<MTR_CXT_VAR*> var;         // context used last, valid while claim_no is its claim's
   std::uint64_t claim_no;
   std::int64_t tid_arg;  // thread number it was asked for with; every negative one is -1
@@ -46,8 +46,13 @@ bool used_inside_a_call(const MTR_CXT_VAR& var, const Caller* self);
 // Waits until no thread but `self` is inside a call; false when one still is after the time.
 bool wait_for_callers(const Caller* self, int milliseconds);
 
-// The same for those that read the profile list.
-bool wait_for_readers(const Caller* self, int milliseconds);
+inline bool is_inside_hook(const Caller& caller) {
+  return caller.hooks.load(std::memory_order_relaxed) % 2 != 0;
+}
+
+// Waits until every other thread has left the instrumentation hook that it was inside of at the
+// call, if any.
+bool wait_for_hooks(const Caller* self, int milliseconds);
 
 // After a fork, in the child: its only thread is not one of the parent's.
 void forget_callers();

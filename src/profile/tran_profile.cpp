@@ -25,7 +25,7 @@
 namespace varn {
 namespace {
 
-constexpr int kReaderWaitMs = 1000;
+constexpr int kHookWaitMs = 1000;
 constexpr int kIndent = 2;
 
 struct Profile {
@@ -64,7 +64,7 @@ void remove(int side, Profile* profile) { HASH_DELETE(hh[side], func_lists[side]
 bool publish(int side, const Caller& self) {
   active_side.store(side, std::memory_order_release);
   changing.store(false, std::memory_order_relaxed);
-  if (wait_for_readers(&self, kReaderWaitMs)) return true;
+  if (wait_for_hooks(&self, kHookWaitMs)) return true;
   frozen = true;
   return false;
 }
@@ -97,7 +97,7 @@ void after_fork_in_child() {
 class [[nodiscard]] ListGuard {
  public:
   ListGuard() : self_(this_caller()) {
-    if (self_ == nullptr || self_->reading.load(std::memory_order_relaxed) != 0) return;
+    if (self_ == nullptr || is_inside_hook(*self_)) return;
     if (pthread_mutex_lock(&list_lock) != 0) return;
     locked_ = true;
     if (!prepared_) {
@@ -161,20 +161,21 @@ struct Name {
   int len = 1;
 };
 
-// A hook's work: its thread is marked as reading the list, and errno stays the host's. A hook
+// A hook's work: its thread is marked as inside it, and errno stays the host's. A hook
 // inside a hook, of an instrumented allocator say, does nothing.
 class [[nodiscard]] Hook {
  public:
   Hook() : saved_errno_(errno) {
     Caller* const caller = this_caller();
-    if (caller == nullptr || caller->reading.load(std::memory_order_relaxed) != 0) return;
+    if (caller == nullptr || is_inside_hook(*caller)) return;
     caller_ = caller;
-    caller->reading.store(1, std::memory_order_relaxed);
+    hooks_ = caller->hooks.load(std::memory_order_relaxed);
+    caller->hooks.store(hooks_ + 1, std::memory_order_relaxed);
     light_fence();
   }
   ~Hook() {
     if (caller_ == nullptr) return;
-    caller_->reading.store(0, std::memory_order_release);
+    caller_->hooks.store(hooks_ + 2, std::memory_order_release);
     errno = saved_errno_;
   }
   Hook(const Hook&) = delete;
@@ -191,6 +192,7 @@ class [[nodiscard]] Hook {
 
  private:
   Caller* caller_ = nullptr;
+  std::uint32_t hooks_ = 0;
   const int saved_errno_;
 };
 

@@ -91,7 +91,7 @@ TEST_F(ProcessThreadTable, ANewEntrySaysWhoseItIs) {
   // The rest is zero: what was there before does not show.
   EXPECT_EQ(std::string(entry.main_gid, 30), std::string(30, '\0'));
   EXPECT_EQ(entry.call_stack[50].lvl_dbio_us, 0);
-  EXPECT_EQ(entry.sql_ent[4][8'463], 0);
+  EXPECT_EQ(entry.sql_ent[4].stmt_exec_cnt, 0U);
   EXPECT_EQ(entry.fetch_time, 0);
 }
 
