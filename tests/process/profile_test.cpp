@@ -133,7 +133,7 @@ TEST_F(Profiling, NamesComeAndGoWhileThreadsAreInsideHooks) {
   collector.environment["VARN_THREAD_ID"] = "kernel";
   EXPECT_TRUE(collector.run([&] {
     ASSERT_EQ(TRAN_INIT(), 0);
-    constexpr std::uint64_t kFunctions = 64;
+    constexpr std::uint64_t kFunctions = 40;  // more than the table's first buckets
     std::atomic<bool> done{false};
     std::vector<std::thread> threads;
     for (int n = 0; n < 3; ++n)
@@ -144,7 +144,7 @@ TEST_F(Profiling, NamesComeAndGoWhileThreadsAreInsideHooks) {
           for (std::uint64_t i = kFunctions; i >= 1; --i) leave(i);
         }
       });
-    for (int round = 0; round < 50; ++round) {
+    for (int round = 0; round < 5; ++round) {
       for (std::uint64_t i = 1; i <= kFunctions; ++i)
         TRAN_ADD_PROFILE(i, ("function number " + std::to_string(i)).c_str());
       for (std::uint64_t i = 1; i <= kFunctions; ++i) TRAN_DEL_PROFILE(i);
