@@ -1,14 +1,17 @@
 // What a traced call costs its thread, beside the bare send that it cannot do without.
 #include <benchmark/benchmark.h>
 #include <sys/msg.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "bench/cpus.h"
@@ -89,16 +92,57 @@ int errinfo(int tid) {
   return TRAN_ERRINFO(tid, NO_HEAD, "0001", 4, NONE, NONE, kMessageText, sizeof kMessageText - 1);
 }
 
+int call_start() { return TRAN_CALLINFO_S(-1, NO_HEAD, NONE, NONE, 0, 0, "check_limit", 11, NONE); }
+int call_end() {
+  return TRAN_CALLINFO_F(-1, NO_HEAD, "limit.c", 7, NONE, 42, 0, "check_limit", 11, NONE);
+}
+int call_pair() { return call_start() | call_end(); }
+
+int two_clock_reads() {
+  timeval tv;
+  gettimeofday(&tv, nullptr);
+  return gettimeofday(&tv, nullptr);
+}
+
+void hook_pair() {
+  const auto function = reinterpret_cast<void*>(&hook_pair);
+  __cyg_profile_func_enter(function, nullptr);
+  __cyg_profile_func_exit(function, nullptr);
+}
+
+// Names for so many functions, hook_pair among them.
+class NamedFunctions {
+ public:
+  explicit NamedFunctions(std::uint64_t count) : count_(count) {
+    for (std::uint64_t n = 0; n < count_; ++n) TRAN_ADD_PROFILE(address(n), "check_limit");
+  }
+  ~NamedFunctions() {
+    for (std::uint64_t n = 0; n < count_; ++n) TRAN_DEL_PROFILE(address(n));
+  }
+  NamedFunctions(const NamedFunctions&) = delete;
+  NamedFunctions& operator=(const NamedFunctions&) = delete;
+
+ private:
+  static std::uint64_t address(std::uint64_t n) {
+    return reinterpret_cast<std::uint64_t>(&hook_pair) + 16 * n;
+  }
+  const std::uint64_t count_;
+};
+
 // ---- Measuring ----
 
 struct Conditions {
   const char* waiting_name = nullptr;  // in front of the name
   Waiting waiting = Waiting::kRest;
   std::uint8_t log_flags = kAllOn;
-  int expected = TRAN_RC_OK;  // what each call has to return; the only queue has number 0
-  bool in_service = false;    // calls are made inside an open service
-  int batch = 64;             // calls timed together; records of a batch find room on the queue
-  int batches = 400;          // a run and thread
+  int expected = TRAN_RC_OK;        // what each call has to return; the only queue has number 0
+  bool in_service = false;          // calls are made inside an open service
+  std::uint64_t call_limit_us = 0;  // shorter calls are not recorded
+  int open_calls = 0;               // opened with the service
+  int ended_calls = 0;              // opened before each batch, which ends them
+  int named_functions = 0;
+  int batch = 64;     // calls timed together; records of a batch find room on the queue
+  int batches = 400;  // a run and thread
   std::chrono::microseconds pause{0};  // between batches, spent at work
 };
 
@@ -119,10 +163,18 @@ void measure(benchmark::State& state, const Bench& bench, const Conditions& cond
   samples.reserve(static_cast<std::size_t>(conditions.batches));
   int wrong = 0;
   run_on(bench.cpus[static_cast<std::size_t>(state.thread_index()) % bench.cpus.size()]);
+  std::optional<NamedFunctions> names;
+  if (state.thread_index() == 0 && conditions.named_functions > 0)
+    names.emplace(static_cast<std::uint64_t>(conditions.named_functions));
   // All threads pass a barrier before the first turn and one behind the last.
-  if (state.thread_index() == 0) bench.stage.begin(conditions.waiting, conditions.log_flags);
+  if (state.thread_index() == 0)
+    bench.stage.begin(conditions.waiting, conditions.log_flags, conditions.call_limit_us);
   for (auto _ : state) {
-    if (samples.empty() && conditions.in_service) start_service();
+    if (samples.empty() && conditions.in_service) {
+      start_service();
+      for (int i = 0; i < conditions.open_calls; ++i) call_start();
+    }
+    for (int i = 0; i < conditions.ended_calls; ++i) call_start();
     const auto start = Clock::now();
     for (int i = 0; i < conditions.batch; ++i) wrong += call() != conditions.expected;
     const std::chrono::duration<double, std::nano> span = Clock::now() - start;
@@ -183,6 +235,27 @@ void add_all(const Bench& bench) {
   const Conditions no_service{.expected = TRAN_RC_DEPTH, .batch = 2048};
   add(bench, kErrInfoNoService, no_service, errinfo_here);
   add(bench, kErrInfoOtherThread, no_service, errinfo_other);
+
+  constexpr std::uint64_t kNever = 1'000'000'000;  // calls take no thousand seconds
+  add(bench, kTwoClockReads, {.batch = 2048}, two_clock_reads);
+  Conditions below{.expected = TRAN_RC_CALL_SHORT, .in_service = true, .call_limit_us = kNever};
+  below.batch = 512;
+  add(bench, kCallPair, below, call_pair);
+  below.open_calls = 40;
+  add(bench, kDeepCallPair, below, call_pair);
+  below.open_calls = 0;
+  Conditions ends{.in_service = true, .ended_calls = 40};
+  ends.batch = ends.ended_calls;
+  add(bench, kCallEnd, ends, call_end);
+  below.expected = 0;
+  for (const auto& [name, functions] :
+       {std::pair{kHookPair, 10}, std::pair{kHookPairOfMany, 100'000}}) {
+    below.named_functions = functions;
+    add(bench, name, below, [] {
+      hook_pair();
+      return 0;
+    });
+  }
 
   struct {
     const char* name;

@@ -42,7 +42,10 @@ TempDir::~TempDir() {
 }
 
 PrivateObjects::PrivateObjects(const std::string& config) {
-  ConfigValues values{{kQueCnt.key, "1"}, {kMaxQueCnt.key, "1"}};
+  ConfigValues values{{kQueCnt.key, "1"},
+                      {kMaxQueCnt.key, "1"},
+                      {kCallTrcDepth.key, "51"},
+                      {kInfiniteLoopBaseCnt.key, "2000000000"}};
   write_config(config, values);
   std::string error;
   if (!read_settings(config, settings, error) || !create_private_objects(settings, shared, error))
@@ -87,7 +90,8 @@ std::uint32_t Stage::failed_sends() const {
   return load(objects_.shared.que_info->que_fail_cnt[0]);
 }
 
-void Stage::begin(Waiting waiting, std::uint8_t log_flags) {
+void Stage::begin(Waiting waiting, std::uint8_t log_flags, std::uint64_t call_limit_us) {
+  store(objects_.shared.que_info->call_trc_limit, call_limit_us);
   store(objects_.shared.que_info->log_flag_set, log_flags);
   reader_.start(waiting);
 }

@@ -43,8 +43,9 @@ class Stage {
   int msgq_id() const { return objects_.msgq_id(); }
   std::uint32_t failed_sends() const;
 
-  // One run's conditions: record kinds switched on, and how the reader waits.
-  void begin(Waiting waiting, std::uint8_t log_flags);
+  // One run's conditions: how the reader waits, record kinds switched on, and how long a call must
+  // take to be recorded.
+  void begin(Waiting waiting, std::uint8_t log_flags, std::uint64_t call_limit_us);
   void end();
 
   // Waits until the queue is at most half full.

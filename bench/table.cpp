@@ -98,6 +98,12 @@ void Table::print_calls() {
   row("TRAN_START and TRAN_END, their kind switched off", cost_of(kPairOff));
   row("  per call", [this](int threads) { return cost(kPairOff, threads) / 2; });
   row("  an empty function with these arguments", cost_of(kEmptyCall));
+  row("gettimeofday twice", cost_of(kTwoClockReads));
+  row("call start and end, below the limit", cost_of(kCallPair));
+  row("  inside 40 open calls", cost_of(kDeepCallPair));
+  row("call end, recorded", cost_of(kCallEnd));
+  row("instrumentation hooks, below the limit, 10 names", cost_of(kHookPair));
+  row("  100,000 names", cost_of(kHookPairOfMany));
   row("finding the thread's context, same thread as before", [this](int threads) {
     return cost(kErrInfoNoService, threads) - cost(kErrInfoOff, threads);
   });

@@ -23,6 +23,13 @@ inline constexpr char kErrInfoOff[] = "TRAN_ERRINFO, switched off";
 inline constexpr char kErrInfoNoService[] = "TRAN_ERRINFO, no service";
 inline constexpr char kErrInfoOtherThread[] = "TRAN_ERRINFO, no service, other thread number";
 
+inline constexpr char kTwoClockReads[] = "gettimeofday twice";
+inline constexpr char kCallPair[] = "call start and end";
+inline constexpr char kDeepCallPair[] = "call start and end, 41 deep";
+inline constexpr char kCallEnd[] = "call end, recorded";
+inline constexpr char kHookPair[] = "hook pair";
+inline constexpr char kHookPairOfMany[] = "hook pair, 100,000 names";
+
 inline constexpr char kResting[] = "resting";
 inline constexpr char kBlocking[] = "blocking";
 inline constexpr char kPolling[] = "polling";

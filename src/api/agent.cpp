@@ -2,7 +2,6 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
@@ -10,6 +9,7 @@
 #include "core/banner.h"
 #include "core/call.h"
 #include "core/tran_ex.h"
+#include "util/errno_guard.h"
 #include "util/log_printf.h"
 #include "util/text.h"
 #include "util/tuning.h"
@@ -61,9 +61,8 @@ int read_config(void) {
       !last_look.compare_exchange_strong(looked, second))
     return 0;
   struct stat file = {};
-  const int saved_errno = errno;
+  const ErrnoGuard errno_kept;
   const bool has_file = stat(path, &file) == 0;
-  errno = saved_errno;
   if (!has_file) return 0;
   const std::int64_t before = last_change.exchange(file.st_mtime);
   if (before == 0 || before == file.st_mtime) return 0;
@@ -73,9 +72,8 @@ int read_config(void) {
 }
 
 void print_logo(void) {
-  const int saved_errno = errno;
+  const ErrnoGuard errno_kept;
   show_banner();
-  errno = saved_errno;
 }
 
 }  // extern "C"

@@ -28,7 +28,7 @@ constexpr CallKind kBiz{kKind<'C'>, kBizCall};
 constexpr CallKind kDbio{kKind<'B'>, kDbioCall};
 
 // By the characters at the configured place of the function's name.
-const CallKind& classify(Text func_nm) {
+[[gnu::always_inline]] inline const CallKind& classify(Text func_nm) {
   constexpr std::size_t kCompared = 7;
   if (gvar.dbio_func_sign_no < 0 || !func_nm.given()) return kBiz;
   const auto from = static_cast<std::size_t>(gvar.dbio_func_sign_no);
@@ -158,11 +158,11 @@ int start_call(MTR_CXT_VAR& var, const CallKind& kind, const StartArgs& args) {
 
 // ---- End ----
 
+// What only a recorded end needs of its caller's texts.
 struct EndArgs {
   Pairs head;
-  Text call_at, call_src, func_nm, label;
+  Text call_at, call_src, label;
   int line = 0;
-  int rc = 0;
 };
 
 // How an ending call stands to the calls that have ended before it.
@@ -180,13 +180,16 @@ Place place_of(int call_last_top, int call_top) {
 // An ended call in numbers, taken before anything of it is cleared.
 struct EndedCall {
   const CallKind& kind;
-  CallEntry& call;
-  CallEntry* children;  // slot of the calls that it made; null past the stack's end
-  int level;            // 1: the outermost
-  Place place;
-  std::int64_t elapsed;
+  const SvcLevel* service = nullptr;
+  CallEntry* call = nullptr;
+  CallEntry* children = nullptr;  // slot of the calls that it made; null past the stack's end
+  int level = 0;                  // 1: the outermost
+  Place place = Place::kFirst;
+  std::int64_t elapsed = 0;
   std::int64_t children_elapsed = 0;
   std::int64_t children_dbio = 0;
+
+  bool recorded = false;
 
   bool is_leaf_dbio() const { return kind.is_dbio() && place != Place::kParent; }
 };
@@ -209,6 +212,10 @@ struct EndedCall {
 void classify_error(PTRC_HASH_ENT& entry, int call_top, int rc) {
   CallEntry& call = entry.call_stack[call_top - 1];
   tran_call_rc result = {load(call.result.status), rc};
+  if (rc >= 0 && result.status != -1) [[likely]] {
+    store(call.result.rc, rc);
+    return;
+  }
   const int failed = error_class(result);
   store(call.result.rc, result.rc);
   if (failed == 0 || load(entry.err_rc_seen) != 0) return;
@@ -219,7 +226,7 @@ void classify_error(PTRC_HASH_ENT& entry, int call_top, int rc) {
 
 // The sums of the call's level, but for a parent's, which are added once its children's are taken.
 void add_up_leaf(PTRC_HASH_ENT& entry, const EndedCall& ended) {
-  CallEntry& call = ended.call;
+  CallEntry& call = *ended.call;
   if (ended.place == Place::kFirst) clear_sums(call);
   add_to(call.lvl_elapsed_us, ended.elapsed);
   if (!ended.kind.is_dbio()) return;
@@ -229,9 +236,9 @@ void add_up_leaf(PTRC_HASH_ENT& entry, const EndedCall& ended) {
 
 // Database time rises level by level to every call around it.
 void add_up_parent(const EndedCall& ended) {
-  add_to(ended.call.lvl_elapsed_us, ended.elapsed);
+  add_to(ended.call->lvl_elapsed_us, ended.elapsed);
   if (ended.children == nullptr) return;
-  add_to(ended.call.lvl_dbio_us, ended.children_dbio);
+  add_to(ended.call->lvl_dbio_us, ended.children_dbio);
   clear_sums(*ended.children);
 }
 
@@ -289,8 +296,8 @@ void calc_call_stat(MTR_CXT_VAR& var, const EndedCall& ended) {
 
 bool is_recorded(const PTRC_HASH_ENT& entry, const EndedCall& ended) {
   const std::int64_t limit = load(ended.is_leaf_dbio() ? entry.dbio_limit_us : entry.call_limit_us);
-  if (ended.elapsed < limit && load(ended.call.force_rec) == 0) return false;
-  store(ended.call.force_rec, 0);
+  if (ended.elapsed < limit && load(ended.call->force_rec) == 0) return false;
+  store(ended.call->force_rec, 0);
   return true;
 }
 
@@ -307,7 +314,7 @@ void put_times(Body& body, const PTRC_HASH_ENT& entry, const EndedCall& ended) {
   } else {
     body.seconds(ended.kind.is_dbio() ? 0 : ended.elapsed) << ",0.000000,0.000000,";
   }
-  for (const TimeVal& place : {ended.call.start_tv, ended.call.end_tv}) {
+  for (const TimeVal& place : {ended.call->start_tv, ended.call->end_tv}) {
     const TimeVal tv = load_time(place);
     (body << tv.sec << '.').padded(tv.usec, 6) << ',';
   }
@@ -316,7 +323,7 @@ void put_times(Body& body, const PTRC_HASH_ENT& entry, const EndedCall& ended) {
 // "[LABEL][FUNCTION at PLACE (SOURCE::LINE){NUMBER}]"
 void put_function(Body& body, const EndedCall& ended, const EndArgs& args) {
   const std::string_view default_label = ended.is_leaf_dbio() ? "" : "METHOD";
-  const CallEntry& call = ended.call;
+  const CallEntry& call = *ended.call;
   body << '[' << (args.label.given() ? text_or_empty(args.label) : default_label) << "]["
        << call_text(call.func_nm) << " at " << text_or_empty(args.call_at) << " ("
        << (args.call_src.given() ? text_or_empty(args.call_src) : call_text(call.call_src)) << "::";
@@ -326,18 +333,25 @@ void put_function(Body& body, const EndedCall& ended, const EndArgs& args) {
 void put_sql_outcome(Body& body, const PTRC_HASH_ENT& entry, const EndedCall& ended) {
   const std::int32_t fetch_us = load(entry.cur_fetch_time_us);
   body << "#SQLCODE " << static_cast<std::int32_t>(load(entry.sqlcode)) << ", #RC "
-       << load(ended.call.result.rc) << " (line " << load(entry.sql_line) << ") fetch "
+       << load(ended.call->result.rc) << " (line " << load(entry.sql_line) << ") fetch "
        << load(entry.cur_fetch_rows) << " rows" << (ended.place == Place::kFirst ? " (" : "(")
        << fetch_us / 1000 << '.' << fetch_us % 1000 << " ms) DB " << call_text(entry.db_user) << '/'
        << call_text(entry.db_sid);
 }
 
-int send_call(MTR_CXT_VAR& var, const SvcLevel& level, const EndedCall& ended, const EndArgs& args,
-              const Body& body) {
+int send_call(MTR_CXT_VAR& var, const EndedCall& ended, const EndArgs& args) {
+  const PTRC_HASH_ENT& entry = *var.ptrc;
+  Body body;
+  put_times(body, entry, ended);
+  put_function(body, ended, args);
+  if (ended.is_leaf_dbio())
+    put_sql_outcome(body, entry, ended);
+  else
+    body << "#RC " << load(ended.call->result.rc);
   const Text text = body.text();
   put_fields<kCallBody>(var.rec.view, {&text, 1});
-  const TimeVal end = load_time(ended.call.end_tv);
-  put_header(var, var.rec, ended.kind.record, args.head, Text::of(level.gid),
+  const TimeVal end = load_time(ended.call->end_tv);
+  put_header(var, var.rec, ended.kind.record, args.head, Text::of(ended.service->gid),
              local_stamp(var.stamp, end.sec, end.usec));
   close_record(var, ended.kind.record);
   return tran_logb(var, var.rec);
@@ -350,48 +364,40 @@ int suppressed_code(std::int8_t dbio_rec_off) {
 
 void flush_pending_sql(MTR_CXT_VAR& var, const EndedCall& ended) {
   PTRC_HASH_ENT& entry = *var.ptrc;
-  if (load(entry.sql_cnt) > 0 && load(ended.call.type) == kDbioCall &&
+  if (load(entry.sql_cnt) > 0 && load(ended.call->type) == kDbioCall &&
       admit(kKind<'Q'>.log_flag) == TRAN_RC_OK)
     flush_statements(var);
   store(entry.sql_cnt, 0);
 }
 
-int finish_call(MTR_CXT_VAR& var, const SvcLevel& level, const EndedCall& ended,
-                const EndArgs& args) {
+// Settles what the call's kind and time mean for its SQL and the calls around it: why it is not
+// recorded, or 0.
+int settle_call(MTR_CXT_VAR& var, EndedCall& ended) {
   PTRC_HASH_ENT& entry = *var.ptrc;
   const std::int8_t rec_off = ended.kind.is_dbio() ? load(entry.dbio_rec_off) : std::int8_t{0};
   if (rec_off != 0 && ended.is_leaf_dbio()) return suppressed_code(rec_off);
 
-  const bool recorded = is_recorded(entry, ended);
+  const bool slow_or_failed = is_recorded(entry, ended);
   flush_pending_sql(var, ended);
   if (ended.place == Place::kParent) add_up_parent(ended);
   if (rec_off != 0) return suppressed_code(rec_off);
-  if (!recorded) return ended.kind.is_dbio() ? TRAN_RC_DBIO_SHORT : TRAN_RC_CALL_SHORT;
-
-  Body body;
-  put_times(body, entry, ended);
-  put_function(body, ended, args);
-  if (ended.is_leaf_dbio())
-    put_sql_outcome(body, entry, ended);
-  else
-    body << "#RC " << load(ended.call.result.rc);
-  return send_call(var, level, ended, args, body);
+  if (!slow_or_failed) return ended.kind.is_dbio() ? TRAN_RC_DBIO_SHORT : TRAN_RC_CALL_SHORT;
+  ended.recorded = true;
+  return TRAN_RC_OK;
 }
 
-int pop_call(MTR_CXT_VAR& var, const CallKind& kind, const SvcLevel& level, int call_top,
-             const EndArgs& args) {
+int pop_call(MTR_CXT_VAR& var, int call_top, int rc, EndedCall& ended) {
   PTRC_HASH_ENT& entry = *var.ptrc;
   CallEntry& call = entry.call_stack[call_top - 1];
   const TimeVal end = now();
   store_time(call.end_tv, end);
-  classify_error(entry, call_top, args.rc);
+  classify_error(entry, call_top, rc);
 
-  EndedCall ended{.kind = kind,
-                  .call = call,
-                  .children = call_top < kMaxCallDepth ? &entry.call_stack[call_top] : nullptr,
-                  .level = call_top,
-                  .place = place_of(load(entry.call_last_top), call_top),
-                  .elapsed = elapsed_us(load_time(call.start_tv), end)};
+  ended.call = &call;
+  ended.children = call_top < kMaxCallDepth ? &entry.call_stack[call_top] : nullptr;
+  ended.level = call_top;
+  ended.place = place_of(load(entry.call_last_top), call_top);
+  ended.elapsed = elapsed_us(load_time(call.start_tv), end);
   if (ended.place != Place::kParent) {
     add_up_leaf(entry, ended);
   } else if (ended.children != nullptr) {
@@ -399,28 +405,28 @@ int pop_call(MTR_CXT_VAR& var, const CallKind& kind, const SvcLevel& level, int 
     ended.children_dbio = load(ended.children->lvl_dbio_us);
   }
   calc_call_stat(var, ended);
-  const int result = finish_call(var, level, ended, args);
-
+  const int result = settle_call(var, ended);
   store(entry.call_last_top, static_cast<std::int8_t>(call_top));
   store(entry.call_top, static_cast<std::int8_t>(call_top - 1));
   return result;
 }
 
-int end_call(MTR_CXT_VAR& var, const CallKind& kind, const EndArgs& args) {
-  const SvcLevel* const level = current_level(var);
-  if (level == nullptr) return TRAN_RC_DEPTH;
-  if (const int rc =
-          trace_validate(var, kind.type, kCallInfoFApi, var.rec, Text::of(level->svc_id), {});
-      rc != 0)
-    return rc;
+// All of a call's end but its record.
+int end_call(MTR_CXT_VAR& var, Text func_nm, int rc, EndedCall& ended) {
+  ended.service = current_level(var);
+  if (ended.service == nullptr) return TRAN_RC_DEPTH;
+  if (const int refused = trace_validate(var, ended.kind.type, kCallInfoFApi, var.rec,
+                                         Text::of(ended.service->svc_id), {});
+      refused != 0)
+    return refused;
 
   PTRC_HASH_ENT& entry = *var.ptrc;
   const int call_top = load(entry.call_top);
-  if (call_top < 1 || call_top > kMaxCallDepth) return refuse_end_without_start(args.func_nm);
+  if (call_top < 1 || call_top > kMaxCallDepth) return refuse_end_without_start(func_nm);
   const std::int32_t call_nest = load(entry.call_nest);
-  if (call_nest < 0) return refuse_end_below_zero(args.func_nm);
-  const bool too_deep = call_nest > load(entry.trc_depth) && !kind.is_dbio();
-  const int result = too_deep ? TRAN_RC_CALL_TOO_DEEP : pop_call(var, kind, *level, call_top, args);
+  if (call_nest < 0) return refuse_end_below_zero(func_nm);
+  const bool too_deep = call_nest > load(entry.trc_depth) && !ended.kind.is_dbio();
+  const int result = too_deep ? TRAN_RC_CALL_TOO_DEEP : pop_call(var, call_top, rc, ended);
   add_to(entry.call_nest, -1);
   return result;
 }
@@ -452,19 +458,19 @@ int TRAN_CALLINFO_S(int tid, const char*, int, const char*, int, const char*, in
 int TRAN_CALLINFO_F(TRAN_CALL_PARAMETERS) {
   Call call;
   if (call.code() != 0) return call.code();
-  const CallKind& kind = classify({func_nm, func_nm_len});
-  call.admit_for(kind.record.log_flag);
+  EndedCall ended{.kind = classify({func_nm, func_nm_len})};
+  call.admit_for(ended.kind.record.log_flag);
   return call.in_context(tid, [&](MTR_CXT_VAR& var) {
+    const int result = end_call(var, {func_nm, func_nm_len}, status, ended);
+    if (!ended.recorded) return result;
     // GID and service id are those of the open service.
     const Text head[] = {VARN_HEAD_VIEWS};
-    return end_call(var, kind,
-                    {.head = head,
-                     .call_at = {call_at, call_at_len},
-                     .call_src = {call_src, call_src_len},
-                     .func_nm = {func_nm, func_nm_len},
-                     .label = {label, label_len},
-                     .line = line,
-                     .rc = status});
+    return send_call(var, ended,
+                     {.head = head,
+                      .call_at = {call_at, call_at_len},
+                      .call_src = {call_src, call_src_len},
+                      .label = {label, label_len},
+                      .line = line});
   });
 }
 

@@ -1,8 +1,6 @@
 // One exported call, from its admission to its return.
 #pragma once
 
-#include <cerrno>
-
 #include "core/caller.h"
 #include "core/context.h"
 #include "core/tran_ex.h"
@@ -13,7 +11,7 @@ namespace varn {
 // Announces the calling thread as inside a call of a started agent (kInCall), or of one that is
 // being started or stopped (kInStartStop), so that neither a stop nor another thread's claim takes
 // away what it works on. A call made inside a call, from a signal handler say, is refused before it
-// touches anything. Leaves errno as it was.
+// touches anything.
 class [[nodiscard]] Announced {
  public:
   explicit Announced(CallerState state) {
@@ -31,9 +29,7 @@ class [[nodiscard]] Announced {
     }
   }
   ~Announced() {
-    if (caller_ == nullptr) return;
-    caller_->state.store(kOutside, std::memory_order_release);
-    errno = saved_errno_;
+    if (caller_ != nullptr) caller_->state.store(kOutside, std::memory_order_release);
   }
   Announced(const Announced&) = delete;
   Announced& operator=(const Announced&) = delete;
@@ -49,7 +45,6 @@ class [[nodiscard]] Announced {
 
   Caller* caller_ = nullptr;
   int code_ = TRAN_RC_OK;
-  int saved_errno_ = errno;
 };
 
 // A traced call: announced, admitted for its record kind where it has one, and in its thread's

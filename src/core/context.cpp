@@ -17,6 +17,7 @@
 #include "hash/get_ptrc_hash.h"
 #include "util/cancel_guard.h"
 #include "util/console.h"
+#include "util/errno_guard.h"
 #include "util/log_printf.h"
 #include "util/sem.h"
 #include "util/shared_word.h"
@@ -205,6 +206,7 @@ bool is_same_thread(const MTR_CXT_VAR& var, const Caller& caller, int tid) {
 }
 
 [[gnu::cold, gnu::noinline]] int search_context(Caller& caller, int tid, MTR_CXT_VAR** out) {
+  const ErrnoGuard errno_kept;
   const CancelGuard not_cancelled;
   const std::uint64_t id = get_tid(caller, tid);
   MtrTidIdx& bucket = bucket_of(id);

@@ -17,6 +17,12 @@ std::uint64_t get_tid(const Caller& caller, int tid);
 // Finds or claims the context: 0, or 103, 107 or 116.
 int get_mtr_cxt_var(Caller& caller, int tid, MTR_CXT_VAR** out);
 
+// The innermost open service; null when the depth is not 1 to 10.
+inline SvcLevel* current_level(MTR_CXT_VAR& var) {
+  if (var.svc_depth < 1 || var.svc_depth > kMaxSvcDepth) return nullptr;
+  return &var.svc_stack[var.svc_depth - 1];
+}
+
 // The first free one of a bucket's contexts, or null.
 MTR_CXT_VAR* get_empty_mtr_cxt_var(MTR_CXT_VAR (&slots)[kBucketContexts]);
 

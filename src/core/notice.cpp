@@ -1,5 +1,6 @@
 #include "core/notice.h"
 
+#include "core/context.h"
 #include "core/gvar.h"
 #include "core/tran_ex.h"
 #include "core/validate.h"
@@ -29,11 +30,6 @@ Text given_or_level_gid(Text gid, const SvcLevel* level) {
 }
 
 }  // namespace
-
-SvcLevel* current_level(MTR_CXT_VAR& var) {
-  if (var.svc_depth < 1 || var.svc_depth > kMaxSvcDepth) return nullptr;
-  return &var.svc_stack[var.svc_depth - 1];
-}
 
 int trace_info(MTR_CXT_VAR& var, Pairs pairs) {
   const SvcLevel* const level = current_level(var);

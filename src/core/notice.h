@@ -23,7 +23,4 @@ struct Event {
 };
 int emit_event(MTR_CXT_VAR& var, const Event& event);
 
-// The innermost open service; null when the depth is not 1 to 10.
-SvcLevel* current_level(MTR_CXT_VAR& var);
-
 }  // namespace varn

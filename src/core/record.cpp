@@ -8,6 +8,7 @@
 
 #include "core/gvar.h"
 #include "hash/hash.h"
+#include "util/errno_guard.h"
 #include "util/msgq.h"
 #include "util/shared_word.h"
 
@@ -87,6 +88,7 @@ int tran_logb(MTR_CXT_VAR& var, const TRAN_LOGF_QUE_DATA& record) {
   if (record_kind(record.view[kRecType.at]) == nullptr) return TRAN_RC_UNKNOWN_TYPE;
   // The mask is the collector's and may have grown past the queues that this process opened.
   if (que_no >= static_cast<std::uint32_t>(gvar.msgq_cnt)) return count_failed_send(que_no);
+  const ErrnoGuard errno_kept;
   if (send_msgq(load(gvar.msgq_id[que_no]), &record, kRecordTextSize) == 0) [[likely]]
     return static_cast<int>(que_no);
   return send_failed(que_no, record);

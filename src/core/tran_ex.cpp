@@ -15,6 +15,7 @@
 #include "core/start_up.h"
 #include "util/cancel_guard.h"
 #include "util/console.h"
+#include "util/errno_guard.h"
 #include "util/fence.h"
 #include "util/log_printf.h"
 #include "util/message.h"
@@ -191,6 +192,7 @@ int error_class(tran_call_rc& result) {
 
 int start_agent() {
   const CancelGuard not_cancelled;
+  const ErrnoGuard errno_kept;
   Announced announced(kInStartStop);
   if (announced.code() != 0) return announced.code();
   const MainGuard guard;
@@ -201,6 +203,7 @@ int start_agent() {
 
 int stop_agent() {
   const CancelGuard not_cancelled;
+  const ErrnoGuard errno_kept;
   Announced announced(kInStartStop);
   if (announced.code() != 0) return TRAN_RC_FAILED;
   const MainGuard guard;

@@ -193,8 +193,8 @@ bool is_foreign_entry(const MTR_CXT_VAR& var, char rec_type) {
 
 }  // namespace
 
-int trace_validate(MTR_CXT_VAR& var, char rec_type, ApiType api_type, TRAN_LOGF_QUE_DATA& record,
-                   Text svc_id, Text snap_cd) {
+[[gnu::flatten]] int trace_validate(MTR_CXT_VAR& var, char rec_type, ApiType api_type,
+                                    TRAN_LOGF_QUE_DATA& record, Text svc_id, Text snap_cd) {
   if (var.cxt_init_flag == TRAN_RC_NO_ENTRY || var.ptrc == nullptr) return TRAN_RC_NO_ENTRY;
   if (is_foreign_entry(var, rec_type)) return TRAN_RC_FOREIGN_ENTRY;
   const RecordKind* const kind = record_kind(rec_type);

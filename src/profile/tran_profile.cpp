@@ -7,7 +7,6 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +14,7 @@
 #include "core/caller.h"
 #include "util/cancel_guard.h"
 #include "util/console.h"
+#include "util/errno_guard.h"
 #include "util/fence.h"
 #include "varn/tran.h"
 
@@ -37,7 +37,9 @@ struct Profile {
 
 Profile* func_lists[2];
 std::atomic<int> active_side;  // the one that hooks read
-std::atomic<int> depth;        // columns by which the printed call tree is indented
+// Columns by which the printed call tree is indented. All threads share it, so it is left alone
+// where nothing is printed.
+std::atomic<int> depth;
 
 // Refuses its own thread: an allocator that calls back in must not wait for itself.
 pthread_mutex_t list_lock = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
@@ -161,11 +163,11 @@ struct Name {
   int len = 1;
 };
 
-// A hook's work: its thread is marked as inside it, and errno stays the host's. A hook
+// A hook's work: its thread is marked as inside it. A hook
 // inside a hook, of an instrumented allocator say, does nothing.
 class [[nodiscard]] Hook {
  public:
-  Hook() : saved_errno_(errno) {
+  Hook() {
     Caller* const caller = this_caller();
     if (caller == nullptr || is_inside_hook(*caller)) return;
     caller_ = caller;
@@ -176,7 +178,6 @@ class [[nodiscard]] Hook {
   ~Hook() {
     if (caller_ == nullptr) return;
     caller_->hooks.store(hooks_ + 2, std::memory_order_release);
-    errno = saved_errno_;
   }
   Hook(const Hook&) = delete;
   Hook& operator=(const Hook&) = delete;
@@ -193,7 +194,6 @@ class [[nodiscard]] Hook {
  private:
   Caller* caller_ = nullptr;
   std::uint32_t hooks_ = 0;
-  const int saved_errno_;
 };
 
 #define NO_TEXT nullptr, 0
@@ -210,16 +210,14 @@ extern "C" {
 
 void TRAN_ADD_PROFILE(std::uint64_t func_addr, const char* func_name) {
   if (func_name == nullptr) return;
-  const int saved_errno = errno;
+  const ErrnoGuard errno_kept;
   Profile* const profile = new_profile(func_addr, func_name);
   if (profile != nullptr && !add_profile(profile)) free_profile(profile);
-  errno = saved_errno;
 }
 
 void TRAN_DEL_PROFILE(std::uint64_t func_addr) {
-  const int saved_errno = errno;
+  const ErrnoGuard errno_kept;
   free_profile(take_profile(func_addr));
-  errno = saved_errno;
 }
 
 void __cyg_profile_func_enter(void* this_fn, void*) {
@@ -228,10 +226,10 @@ void __cyg_profile_func_enter(void* this_fn, void*) {
   const Name name = hook.name_of(this_fn);
   if (!console_is_off()) {
     const CancelGuard not_cancelled;
-    std::fprintf(stderr, "%-14p | %*.s%s() {\n", this_fn, depth.load(std::memory_order_relaxed),
-                 " ", name.text);
+    const ErrnoGuard errno_kept;
+    std::fprintf(stderr, "%-14p | %*.s%s() {\n", this_fn,
+                 depth.fetch_add(kIndent, std::memory_order_relaxed), " ", name.text);
   }
-  depth.fetch_add(kIndent, std::memory_order_relaxed);
   TRAN_CALLINFO_S(CALL_ARGUMENTS(name));
 }
 
@@ -239,11 +237,11 @@ void __cyg_profile_func_exit(void* this_fn, void*) {
   const Hook hook;
   if (!hook.entered()) return;
   const Name name = hook.name_of(this_fn);
-  depth.fetch_sub(kIndent, std::memory_order_relaxed);
   if (!console_is_off()) {
     const CancelGuard not_cancelled;
-    std::fprintf(stdout, "%-14p | %*.s} /* %s */\n", this_fn, depth.load(std::memory_order_relaxed),
-                 " ", name.text);
+    const ErrnoGuard errno_kept;
+    std::fprintf(stdout, "%-14p | %*.s} /* %s */\n", this_fn,
+                 depth.fetch_sub(kIndent, std::memory_order_relaxed) - kIndent, " ", name.text);
   }
   TRAN_CALLINFO_F(CALL_ARGUMENTS(name));
 }

@@ -1,11 +1,10 @@
 #include "util/clock.h"
 
-#include <sys/time.h>
-
 #include <algorithm>
 #include <cstring>
 #include <ctime>
 
+#include "util/errno_guard.h"
 #include "util/text.h"
 
 namespace varn {
@@ -41,6 +40,7 @@ static_assert(civil_from_days(0).year == 1970 && civil_from_days(0).month == 1);
 static_assert(civil_from_days(11'016).month == 2 && civil_from_days(11'016).day == 29);
 
 [[gnu::cold, gnu::noinline]] void refresh_offset(StampCache& cache, std::int64_t sec) {
+  const ErrnoGuard errno_kept;
   const time_t t = sec;
   struct tm local = {};
   localtime_r(&t, &local);
@@ -69,12 +69,6 @@ void refresh_second(StampCache& cache, std::int64_t sec) {
 }
 
 }  // namespace
-
-TimeVal now() {
-  timeval tv = {};
-  gettimeofday(&tv, nullptr);
-  return {tv.tv_sec, tv.tv_usec};
-}
 
 Stamp local_stamp(StampCache& cache, std::int64_t sec, std::int64_t usec) {
   if (sec != cache.second || cache.date[0] == '\0') [[unlikely]]

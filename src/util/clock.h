@@ -2,6 +2,8 @@
 // takes.
 #pragma once
 
+#include <sys/time.h>
+
 #include <cstdint>
 
 #include "layout/stamp.h"
@@ -12,7 +14,11 @@ namespace varn {
 inline constexpr std::int64_t kUsPerSec = 1'000'000;
 
 // The current time of day.
-TimeVal now();
+inline TimeVal now() {
+  timeval tv = {};
+  gettimeofday(&tv, nullptr);
+  return {tv.tv_sec, tv.tv_usec};
+}
 
 // Microseconds from one moment to another. Either may be garbage out of a shared entry: the result
 // wraps.

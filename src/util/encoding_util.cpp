@@ -6,6 +6,7 @@
 
 #include "util/cancel_guard.h"
 #include "util/console.h"
+#include "util/errno_guard.h"
 
 namespace varn {
 namespace {
@@ -65,6 +66,7 @@ int hcut(const char* str, int len, int cut_len, int enc_type) {
   if (cut_len >= len) return len;
 
   const CancelGuard not_cancelled;
+  const ErrnoGuard errno_kept;
   trace("---------------------------------------------------\n");
   trace("org_len = %d \ncut_len = %d \nstd_len = %d \n", len, cut_len, cut_len);
   int kept = 0;

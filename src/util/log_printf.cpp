@@ -11,6 +11,7 @@
 #include <ctime>
 
 #include "util/cancel_guard.h"
+#include "util/errno_guard.h"
 
 namespace varn {
 namespace {
@@ -156,6 +157,7 @@ void check_day() {
 }
 
 int log_printf(const char* format, ...) {
+  const ErrnoGuard errno_kept;
   char line[kMostPrefix + kMostMessage + 2];
   va_list args;
   va_start(args, format);

@@ -2,6 +2,7 @@
 // where a message travels in a record, so that a traced call does not pay for formatted printing.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
@@ -13,33 +14,37 @@ namespace varn {
 template <std::size_t kCapacity>
 class Message {
  public:
-  // Out of line: a message has many pieces, and its cost is in their bytes.
-  [[gnu::noinline]] Message& operator<<(std::string_view piece) {
-    const std::size_t room = kCapacity - size_;
-    const std::size_t n = piece.size() < room ? piece.size() : room;
-    move_text(bytes_ + size_, piece.data(), n, kCapacity);
-    size_ += n;
+  [[gnu::always_inline]] Message& operator<<(std::string_view piece) {
+    // A literal costs no call.
+    if (!__builtin_constant_p(piece.size()) || piece.size() > room()) return append(piece);
+    std::memcpy(bytes_ + size_, piece.data(), piece.size());
+    size_ += piece.size();
     return *this;
   }
-  Message& operator<<(char c) { return *this << std::string_view(&c, 1); }
+  Message& operator<<(char c) {
+    if (size_ < kCapacity) bytes_[size_++] = c;
+    return *this;
+  }
   Message& operator<<(std::int64_t number) { return padded(number, 1); }
   Message& operator<<(std::int32_t number) { return *this << static_cast<std::int64_t>(number); }
 
-  // As "%0<width>ld" prints it.
+  // As "%0<width>ld" prints it, for a width of at most 20.
   Message& padded(std::int64_t number, std::size_t width) {
-    char digits[kMostDigits];
-    std::size_t at = sizeof digits;
-    std::uint64_t rest =
-        number < 0 ? 0 - static_cast<std::uint64_t>(number) : static_cast<std::uint64_t>(number);
-    for (; rest >= 10; rest /= 100)
-      std::memcpy(digits + (at -= 2), &kDigitPairs[rest % 100 * 2], 2);
-    if (rest != 0) digits[--at] = static_cast<char>('0' + rest);
     if (number < 0) {
       *this << '-';
       if (width > 0) --width;
     }
-    while (sizeof digits - at < width && at > 0) digits[--at] = '0';
-    return *this << std::string_view(digits + at, sizeof digits - at);
+    const std::uint64_t size =
+        number < 0 ? 0 - static_cast<std::uint64_t>(number) : static_cast<std::uint64_t>(number);
+    const std::size_t digits = std::max(digit_count(size), width);
+    if (digits <= room()) {
+      put_unsigned(bytes_ + size_, digits, size);
+      size_ += digits;
+      return *this;
+    }
+    char cut[kMostDigits];
+    put_unsigned(cut, digits, size);
+    return append({cut, digits});
   }
 
   // Microseconds as "%ld.%06ld" prints their seconds and the rest, both truncated toward zero.
@@ -69,6 +74,15 @@ class Message {
   Text text() const { return {bytes_, static_cast<std::int32_t>(size_)}; }
 
  private:
+  // Out of line: a message has many pieces.
+  [[gnu::noinline]] Message& append(std::string_view piece) {
+    const std::size_t n = std::min(piece.size(), room());
+    move_text(bytes_ + size_, piece.data(), n, kCapacity);
+    size_ += n;
+    return *this;
+  }
+  std::size_t room() const { return kCapacity - size_; }
+
   static constexpr std::size_t kMostDigits = 20;
 
   std::size_t size_ = 0;

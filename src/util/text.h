@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -66,7 +67,7 @@ inline void move_text(char* to, const char* from, std::size_t n, std::size_t wid
 inline void put_padded(char* field, std::size_t width, Text text) {
   const std::size_t n = text.size(width);
   move_text(field, text.ptr, n, width);
-  std::memset(field + n, ' ', width - n);
+  if (n < width) std::memset(field + n, ' ', width - n);
 }
 
 // "00" to "99".
@@ -79,10 +80,27 @@ inline constexpr auto kDigitPairs = [] {
   return pairs;
 }();
 
-// Zero-filled decimal digits; a number too large for the field shows as the largest that fits, a
-// negative one as zero.
-inline void put_digits(char* field, std::size_t width, std::int64_t number) {
-  std::uint64_t rest = number < 0 ? 0 : static_cast<std::uint64_t>(number);
+// Decimal digits of a number; one for zero.
+constexpr std::size_t digit_count(std::uint64_t number) {
+  constexpr auto kPowers = [] {
+    std::array<std::uint64_t, 20> powers{};
+    std::uint64_t power = 1;
+    for (std::uint64_t& each : powers) {
+      each = power;
+      power *= 10;
+    }
+    return powers;
+  }();
+  // 1233 / 4096 is a little over log10(2).
+  const auto below = static_cast<std::size_t>(std::bit_width(number | 1) * 1233 >> 12);
+  return below + (number >= kPowers[below] ? 1 : 0) + (number == 0 ? 1 : 0);
+}
+static_assert(digit_count(0) == 1 && digit_count(9) == 1 && digit_count(10) == 2);
+static_assert(digit_count(9'999'999'999) == 10 && digit_count(~std::uint64_t{0}) == 20);
+
+// Zero-filled decimal digits; a number too large for the field shows as the largest that fits.
+inline void put_unsigned(char* field, std::size_t width, std::uint64_t number) {
+  std::uint64_t rest = number;
   std::memset(field, '0', width);
   std::size_t at = width;
   for (; rest != 0 && at >= 2; rest /= 100)
@@ -92,6 +110,11 @@ inline void put_digits(char* field, std::size_t width, std::int64_t number) {
     rest /= 10;
   }
   if (rest != 0) std::memset(field, '9', width);
+}
+
+// A negative number shows as zero.
+inline void put_digits(char* field, std::size_t width, std::int64_t number) {
+  put_unsigned(field, width, number < 0 ? 0 : static_cast<std::uint64_t>(number));
 }
 
 // Copies a text into a zero-ended buffer, cutting it.

@@ -15,6 +15,7 @@ MAY_SEE = {
     "hash": LOW,
     "core": LOW | {"hash"},
     "api": LOW | {"hash", "core"},
+    "profile": LOW | {"core"},
     "collector": LOW | {"hash"},
     "tools": LOW | {"hash", "collector"},
     "examples": {"include"},
