@@ -105,8 +105,8 @@ inline void put_unsigned(char* field, std::size_t width, std::uint64_t number) {
   std::size_t at = width;
   for (; rest != 0 && at >= 2; rest /= 100)
     std::memcpy(field + (at -= 2), &kDigitPairs[rest % 100 * 2], 2);
-  if (rest != 0 && at == 1) {
-    field[0] = static_cast<char>('0' + rest % 10);
+  if (rest != 0 && at != 0) {
+    field[--at] = static_cast<char>('0' + rest % 10);
     rest /= 10;
   }
   if (rest != 0) std::memset(field, '9', width);
