@@ -289,8 +289,10 @@ VARN_API void TRAN_DEL_PROFILE(uint64_t func_addr);
  * TRAN_CALLINFO_F under the function's name ("?" without one) and the label "DYCALL", and prints a
  * line of the call tree: the opening one to standard error, the closing one to standard output (not
  * with VARN_CONSOLE=off). */
+/* NOLINTBEGIN(bugprone-reserved-identifier): the compiler's names */
 VARN_API void __cyg_profile_func_enter(void* this_fn, void* call_site);
 VARN_API void __cyg_profile_func_exit(void* this_fn, void* call_site);
+/* NOLINTEND(bugprone-reserved-identifier) */
 
 /* ---- Helpers, for tools and for hosts that compose records of their own ---------------------- */
 

@@ -48,7 +48,7 @@ TEST(Cutting, EndsAtTheLastWholeCharacterOfEitherEncoding) {
       {"a\xEA\xB0zz", 5, 3, kUtf8, 1},
   };
   for (const auto& row : rows)
-    EXPECT_EQ(cut(row.text, row.len, row.limit, row.encoding), (std::pair{row.kept, ""}))
+    EXPECT_EQ(cut(row.text, row.len, row.limit, row.encoding), (std::pair{row.kept, std::string()}))
         << row.text << ' ' << row.limit;
   EXPECT_EQ(hcut(nullptr, 5, 3, kEucKr), 0);
 }

@@ -49,7 +49,9 @@ TEST(Message, FixedNumbersAreAsPrintfWritesThem) {
   std::mt19937 random(20180518);
   for (int i = 0; i < 300'000; ++i) {
     const auto number = std::bit_cast<float>(static_cast<std::uint32_t>(random()));
-    if (std::fabs(number) < 1e12F) ASSERT_NO_FATAL_FAILURE(check(number));
+    if (std::fabs(number) < 1e12F) {
+      ASSERT_NO_FATAL_FAILURE(check(number));
+    }
   }
 }
 
