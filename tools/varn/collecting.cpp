@@ -10,6 +10,7 @@
 
 #include "tools/varn/json_line.h"
 #include "tools/varn/summary.h"
+#include "tools/varn/tree_text.h"
 #include "tools/varn/verbs.h"
 
 namespace varn {
@@ -25,8 +26,9 @@ std::FILE* open_output(const std::string& path) {
 }  // namespace
 
 void add_output_options(CLI::App& verb, OutputOptions& options) {
-  verb.add_option("--format", options.format, "How a record is written: a line of text or of JSON")
-      ->check(CLI::IsMember({"text", "json"}))
+  verb.add_option("--format", options.format,
+                  "A line for each record, of text or of JSON, or a tree for each transaction")
+      ->check(CLI::IsMember({"tree", "text", "json"}))
       ->capture_default_str();
   verb.add_option("--out", options.path, "File for the records instead of standard output")
       ->type_name("FILE");
@@ -51,11 +53,12 @@ SignalQueue::~SignalQueue() { close(fd_); }
 
 Collecting::Collecting(const SharedObjects& objects, const OutputOptions& options)
     : objects_(objects),
-      json_(options.format == "json"),
+      format_(options.format),
       path_(options.path),
       fails_at_start_(fail_counts(*objects.que_info)),
       ended_fd_(eventfd(0, EFD_CLOEXEC)),
       out_(open_output(options.path)),
+      trees_([this](const TraceTree& tree) { pending_ += tree_text(tree); }),
       drain_(objects.msgq_ids, [this](std::span<const RawRecord> records) { show(records); },
              {.on_reader_lost = [this](const std::string& reason, int readers_left) {
                std::fprintf(stderr, "varn: %s\n", reason.c_str());
@@ -73,17 +76,27 @@ void Collecting::end_early() {
   eventfd_write(ended_fd_, 1);
 }
 
+void Collecting::stop() {
+  drain_.stop();
+  trees_.finish();
+  write_out();
+}
+
 void Collecting::show(std::span<const RawRecord> records) {
   for (const RawRecord& raw : records) {
     decode(raw.data, raw.size, record_);
     count_record(stats_, raw.queue, record_);
-    if (output_lost_) continue;
-    if (!json_ && stats_.records == 1) pending_ += text_heading(lines_) + '\n';
-    pending_ += json_ ? json_line(raw.queue, raw.size, record_)
-                      : text_line(lines_, raw.queue, raw.size, record_);
-    pending_ += '\n';
+    if (!output_lost_) show(raw);
   }
   write_out();
+}
+
+void Collecting::show(const RawRecord& raw) {
+  if (format_ == "tree") return trees_.add(record_);
+  if (format_ == "text" && stats_.records == 1) pending_ += text_heading(lines_) + '\n';
+  pending_ += format_ == "json" ? json_line(raw.queue, raw.size, record_)
+                                : text_line(lines_, raw.queue, raw.size, record_);
+  pending_ += '\n';
 }
 
 // A lost output does not stop the draining: traced processes must not find full queues for it.
@@ -99,7 +112,9 @@ void Collecting::write_out() {
   end_early();
 }
 
-std::FILE* Collecting::summary_stream() const { return json_ || !path_.empty() ? stderr : stdout; }
+std::FILE* Collecting::summary_stream() const {
+  return format_ == "json" || !path_.empty() ? stderr : stdout;
+}
 
 void Collecting::print_summary() const {
   const std::string text = summary_text(stats_, objects_.msgq_ids.size(), fails_at_start_,

@@ -13,13 +13,14 @@
 #include "collector/drain.h"
 #include "collector/objects.h"
 #include "collector/stats.h"
+#include "collector/tree.h"
 #include "tools/varn/text_line.h"
 
 namespace varn {
 
 struct OutputOptions {
-  std::string format = "text";
-  std::string path;  // empty: standard output
+  std::string format = "text";  // or "tree" or "json"
+  std::string path = {};        // empty: standard output
 };
 
 // The options --format and --out of the verbs that show records.
@@ -58,7 +59,7 @@ class Collecting {
   int output_fd() const { return fileno(out_); }
 
   // Shows what the queues still hold, and no more.
-  void stop() { drain_.stop(); }
+  void stop();
 
   // After stop(). The stream for what is said at the end: the records' own when that is text on
   // standard output, else standard error.
@@ -68,11 +69,12 @@ class Collecting {
 
  private:
   void show(std::span<const RawRecord> records);
+  void show(const RawRecord& raw);
   void write_out();
   void end_early();
 
   const SharedObjects& objects_;
-  const bool json_;
+  const std::string format_;
   const std::string path_;
   const FailCounts fails_at_start_;
   const int ended_fd_;
@@ -84,6 +86,7 @@ class Collecting {
   std::string pending_;
   DecodedRecord record_;
   TextLines lines_;
+  TraceTrees trees_;
   Stats stats_;
 
   Drain drain_;  // last: its threads use all of the above

@@ -28,8 +28,11 @@ constexpr std::size_t kMostFaultLines = 5;
 
 struct RunOptions {
   std::string config;  // empty: the sample values
-  OutputOptions output;
+  bool functions = false;
+  OutputOptions output{.format = "tree"};
 };
+
+using Variables = std::vector<std::pair<std::string, std::string>>;
 
 // A directory of the run's own, with the configuration file and the log directories.
 struct Home {
@@ -103,11 +106,43 @@ ConfigValues values_for(const CollectorSettings& settings, const Home& home, Con
   return values;
 }
 
-std::vector<std::string> environment_for(const Home& home) {
-  const std::pair<std::string, std::string> own[] = {{"TRAN_HOME", home.dir},
-                                                     {"TRAN_AGT_HOME", home.dir},
-                                                     {"TRAN_AGT_CFG_FILE", home.config()},
-                                                     {"VARN_THREAD_ID", "kernel"}};
+// The library that traces a program's functions: beside the tool as it is built, or where both are
+// installed.
+std::string functions_library() {
+  std::error_code fault;
+  const auto tool_dir = std::filesystem::read_symlink("/proc/self/exe", fault).parent_path();
+  for (const char* const dir : {"../functions", VARN_LIBDIR_FROM_BINDIR}) {
+    const auto path = (tool_dir / dir / "libvarn-functions.so").lexically_normal();
+    if (!fault && std::filesystem::exists(path, fault)) return path;
+  }
+  throw Failure("libvarn-functions.so is not there, neither in " +
+                (tool_dir / VARN_LIBDIR_FROM_BINDIR).lexically_normal().string() +
+                " nor beside a tool that has not been installed");
+}
+
+// Every function counts, whatever its name: none is a database call, and a program may make many.
+void set_values_for_functions(ConfigValues& values) {
+  values[kCallTrcDepth.key] = "50";
+  values[kCallTrcLimit.key] = "0";
+  values[kInfiniteLoopBaseCnt.key] = "10000000";
+  values[kDbioFunc.key] = "-1 db";
+}
+
+Variables variables_for(const RunOptions& options, const Home& home) {
+  Variables variables = {{"TRAN_HOME", home.dir},
+                         {"TRAN_AGT_HOME", home.dir},
+                         {"TRAN_AGT_CFG_FILE", home.config()},
+                         {"VARN_THREAD_ID", "kernel"}};
+  if (!options.functions) return variables;
+  const char* const preloaded = std::getenv("LD_PRELOAD");
+  const std::string others = preloaded == nullptr ? "" : std::string(":") + preloaded;
+  variables.emplace_back("LD_PRELOAD", functions_library() + others);
+  variables.emplace_back("VARN_CONSOLE", "off");  // a line for each function is printed otherwise
+  return variables;
+}
+
+// This process's environment with variables of the command's own.
+std::vector<std::string> environment_with(const Variables& own) {
   std::vector<std::string> variables;
   for (char** at = environ; *at != nullptr; ++at) {
     const std::string variable = *at;
@@ -129,8 +164,9 @@ std::vector<char*> pointers_to(std::vector<std::string>& texts) {
 }
 
 // 0, or the error number.
-int start(std::vector<std::string> command, const Home& home, const sigset_t& mask, pid_t& pid) {
-  std::vector<std::string> variables = environment_for(home);
+int start(std::vector<std::string> command, const Variables& own, const sigset_t& mask,
+          pid_t& pid) {
+  std::vector<std::string> variables = environment_with(own);
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
@@ -194,7 +230,9 @@ int run(const RunOptions& options, const std::vector<std::string>& command) {
   std::signal(SIGCHLD, SIG_DFL);  // ignored, it would take the command's status with it
 
   const Home home;
+  const Variables variables = variables_for(options, home);
   ConfigValues values;
+  if (options.functions) set_values_for_functions(values);
   std::string error;
   if (!options.config.empty() && !read_config_values(options.config, values, error))
     throw Failure(error);
@@ -206,7 +244,7 @@ int run(const RunOptions& options, const std::vector<std::string>& command) {
 
   Collecting collecting(own.objects, options.output);
   pid_t pid = -1;
-  const int fault = start(command, home, signals.mask_before(), pid);
+  const int fault = start(command, variables, signals.mask_before(), pid);
   if (fault != 0) {
     std::fprintf(stderr, "varn: %s: %s\n", command[0].c_str(), std::strerror(fault));
     return fault == ENOENT ? kExitNotFound : kExitNotExecutable;
@@ -232,6 +270,8 @@ void add_run(CLI::App& app, const std::vector<std::string>& command, int& status
                    "Configuration file whose tuning values to use (keys and directories are the "
                    "run's own)")
       ->type_name("FILE");
+  verb->add_flag("--functions", options->functions,
+                 "Trace every function of a program compiled with -finstrument-functions");
   add_output_options(*verb, options->output);
   verb->callback([options, &command, &status] {
     if (command.empty()) throw CLI::RequiredError("-- COMMAND");

@@ -3,6 +3,7 @@
 #include <initializer_list>
 
 #include "collector/decode.h"
+#include "collector/describe.h"
 #include "tools/varn/text_line.h"
 
 namespace varn {
@@ -57,10 +58,11 @@ std::string services_text(const Stats& stats) {
   std::string text =
       row("slowest services", {"ended", "longest ms", "average ms"}, "  GID of the longest");
   for (const auto& [svc_id, times] : rows)
-    text += row("  " + utf8_from_uhc(svc_id),
-                {text_of(times.count), milliseconds_text(times.longest_us),
-                 milliseconds_text(times.total_us / times.count)},
-                "  " + utf8_from_uhc(times.longest_gid));
+    text +=
+        row("  " + utf8_from_uhc(svc_id),
+            {text_of(times.count), milliseconds_text(static_cast<std::int64_t>(times.longest_us)),
+             milliseconds_text(static_cast<std::int64_t>(times.total_us / times.count))},
+            "  " + utf8_from_uhc(times.longest_gid));
   if (stats.services_left_out > 0) text += row("  others", {text_of(stats.services_left_out)});
   return text;
 }

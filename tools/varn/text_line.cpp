@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "collector/describe.h"
+
 namespace varn {
 namespace {
 
@@ -35,19 +37,6 @@ std::string field_text(const DecodedRecord& record, std::string_view name) {
   return utf8_from_uhc(field_of(record, name));
 }
 
-// A process or thread id without the zeros that fill it; a text of the caller's own as it is.
-std::string id_text(std::string_view bytes) {
-  const auto number = digits_of(bytes);
-  return number ? std::to_string(*number) : utf8_from_uhc(bytes);
-}
-
-std::string time_text(std::string_view bytes) {
-  if (bytes.size() != kTime.width || !digits_of(bytes)) return utf8_from_uhc(bytes);
-  const std::string text(bytes);
-  return text.substr(0, 2) + ':' + text.substr(2, 2) + ':' + text.substr(4, 2) + '.' +
-         text.substr(6);
-}
-
 // How deep to indent: as the record says, else under the service that its thread is in.
 int level_of(TextLines& lines, const DecodedRecord& record, int depth) {
   std::string thread(field_of(record, kPid.name));
@@ -68,50 +57,17 @@ int level_of(TextLines& lines, const DecodedRecord& record, int depth) {
   return depth - 1;
 }
 
-void add_labelled(std::string& message, const DecodedRecord& record, std::string_view label,
-                  std::string_view name) {
-  const std::string text = field_text(record, name);
-  if (text.empty()) return;
-  if (!message.empty()) message += ' ';
-  message.append(label).append("=").append(text);
-}
-
-std::string service_message(const DecodedRecord& record) {
-  std::string message;
-  const std::uint64_t dbio_us = digits_of(field_of(record, kDbioElapsed.name)).value_or(0);
-  if (dbio_us > 0) message = "db=" + milliseconds_text(dbio_us) + "ms";
-  add_labelled(message, record, "channel", kChnlTypCd.name);
-  add_labelled(message, record, "receiver", kRecvSvcCd.name);
-  add_labelled(message, record, "result", "proc_rslt_dv_cd");
-  add_labelled(message, record, "error", "std_tmsg_err_cd");
-  add_labelled(message, record, "tail", "tail");
-  return message;
-}
-
-std::string coded_message(const DecodedRecord& record) {
-  std::string message;
-  const std::string code = field_text(record, "code");
-  if (!code.empty()) message = '[' + code + ']';
-  for (const std::string_view name : {"recv_svc_cd", "chnl_class", "message", "text"}) {
-    const std::string text = field_text(record, name);
-    if (text.empty()) continue;
-    if (!message.empty()) message += ' ';
-    message += text;
-  }
-  return message;
-}
-
-std::string kind_text(const DecodedRecord& record) {
-  if (record.kind != nullptr) return std::string(record.kind->name);
-  return "type " + utf8_from_uhc({&record.rec_type, 1}) + '?';
+// A call's times beside its own, which stands in a column.
+std::string call_message(const CallText& call) {
+  std::string message = "level " + std::to_string(call.level) + ' ' + call_text(call) +
+                        " own=" + milliseconds_text(call.own_us) + "ms";
+  if (call.business_us != 0) message += " business=" + milliseconds_text(call.business_us) + "ms";
+  if (call.database_us != 0) message += " database=" + milliseconds_text(call.database_us) + "ms";
+  const std::string outcome = outcome_text(call);
+  return outcome.empty() ? message : message + ' ' + outcome;
 }
 
 }  // namespace
-
-std::string milliseconds_text(std::uint64_t us) {
-  const std::string rest = std::to_string(us % 1000);
-  return std::to_string(us / 1000) + '.' + std::string(3 - rest.size(), '0') + rest;
-}
 
 std::size_t display_width(std::string_view text) {
   std::size_t width = 0;
@@ -156,15 +112,22 @@ std::string text_line(TextLines& lines, int queue, std::size_t size, const Decod
   columns[TextLines::kGid] = field_text(record, varn::kGid);
   if (depth > 0) columns[TextLines::kDepth] = field_text(record, varn::kDepth);
   columns[TextLines::kKind] = kind_text(record);
-  const std::uint64_t elapsed_us = digits_of(field_of(record, kElapsed.name)).value_or(0);
-  if (elapsed_us > 0) columns[TextLines::kResponse] = milliseconds_text(elapsed_us) + "ms";
+  const bool is_call = record.rec_type == 'B' || record.rec_type == 'C';
+  const auto call = is_call ? parse_call(field_of(record, "text")) : std::nullopt;
+  const auto elapsed_us =
+      static_cast<std::int64_t>(digits_of(field_of(record, kElapsed.name)).value_or(0));
+  if (call || elapsed_us > 0)
+    columns[TextLines::kResponse] = milliseconds_text(call ? call->total_us : elapsed_us) + "ms";
   const int level = level_of(lines, record, depth);
   columns[TextLines::kService] =
       std::string(static_cast<std::size_t>(level) * 2, ' ') + field_text(record, kSvcId);
 
   for (std::size_t i = 0; i < columns.size(); ++i)
     lines.width[i] = std::max(lines.width[i], display_width(columns[i]));
-  return join(lines.width, columns, depth > 0 ? service_message(record) : coded_message(record));
+  return join(lines.width, columns,
+              call        ? call_message(*call)
+              : depth > 0 ? service_text(record)
+                          : notice_text(record));
 }
 
 }  // namespace varn

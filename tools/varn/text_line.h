@@ -21,9 +21,6 @@ std::string text_heading(const TextLines& lines);
 // The line, without a newline.
 std::string text_line(TextLines& lines, int queue, std::size_t size, const DecodedRecord& record);
 
-// Microseconds as milliseconds with three decimals.
-std::string milliseconds_text(std::uint64_t us);
-
 // Terminal columns that a UTF-8 text takes.
 std::size_t display_width(std::string_view text);
 
