@@ -1,14 +1,16 @@
-# What `cmake --install` puts down: the library with its header, found by CMake's find_package(varn)
+# What `cmake --install` puts down: the library with its headers, found by CMake's find_package(varn)
 # and by pkg-config, and the tool.
 include(CMakePackageConfigHelpers)
 
 set(varn_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/varn)
 
 install(TARGETS varn EXPORT varnTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES include/varn/tran.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/varn)
+install(FILES include/varn/tran.h include/varn/tran.hpp
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/varn)
 install(EXPORT varnTargets NAMESPACE varn:: DESTINATION ${varn_package_dir})
 if(VARN_TOOL)
   install(TARGETS varn-tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS varn-functions LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endif()
 
 configure_package_config_file(cmake/varnConfig.cmake.in ${PROJECT_BINARY_DIR}/varnConfig.cmake

@@ -50,9 +50,6 @@ std::string kind_text(const DecodedRecord& record) {
 
 std::string service_text(const DecodedRecord& record) {
   std::string text;
-  const auto dbio_us =
-      static_cast<std::int64_t>(digits_of(field_of(record, kDbioElapsed.name)).value_or(0));
-  if (dbio_us > 0) add_labelled(text, "db", milliseconds_text(dbio_us) + "ms");
   add_labelled(text, "channel", field_text(record, kChnlTypCd.name));
   add_labelled(text, "receiver", field_text(record, kRecvSvcCd.name));
   add_labelled(text, "result", field_text(record, "proc_rslt_dv_cd"));
@@ -72,9 +69,11 @@ std::string notice_text(const DecodedRecord& record) {
 
 std::string call_text(const CallText& call) {
   std::string text;
-  if (call.label != "METHOD" && !call.label.empty()) text = '[' + utf8_from_uhc(call.label) + ']';
+  if (call.label != "METHOD" && call.label != "DYCALL" && !call.label.empty())
+    text = '[' + utf8_from_uhc(call.label) + ']';
   add_word(text, utf8_from_uhc(call.function));
-  if (!call.place.empty()) text += " at " + utf8_from_uhc(call.place);
+  if (!call.place.empty() && call.place != call.function)
+    text += " at " + utf8_from_uhc(call.place);
   if (!call.source.empty()) {
     text += " (" + utf8_from_uhc(call.source);
     if (call.line.value_or(0) != 0) text += ':' + std::to_string(*call.line);

@@ -28,7 +28,8 @@ std::string service_text(const DecodedRecord& record);
 // "[CODE] MESSAGE" of information, events and errors.
 std::string notice_text(const DecodedRecord& record);
 
-// "FUNCTION at PLACE (SOURCE:LINE)", with the label unless it is the usual one.
+// "FUNCTION at PLACE (SOURCE:LINE)", with the label unless it is a usual one, and without a place
+// that is the function itself.
 std::string call_text(const CallText& call);
 
 // The return code, and of a database call what its SQL came to. Empty where all is well and there

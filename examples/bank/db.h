@@ -1,4 +1,6 @@
-// The ledger's database. Every statement the bank runs is one of the db_ functions below.
+// The ledger's database. Every statement the bank runs is one of the db_ functions below or of a
+// transaction, and is traced: under the configuration that `varn init` writes, a name that begins
+// with "db" makes a call a database call.
 #pragma once
 
 #include <sqlite3.h>
@@ -20,7 +22,13 @@ struct Account {
 };
 
 struct DbError : std::runtime_error {
-  using std::runtime_error::runtime_error;
+  DbError(int error_code, const std::string& message)
+      : std::runtime_error(message), code(error_code) {}
+
+  // What was to be written breaks a rule of its table.
+  bool is_violation() const { return code == SQLITE_CONSTRAINT; }
+
+  int code;  // SQLite's
 };
 
 // A connection; each worker has its own. Waits a bounded time for another connection's lock.
@@ -49,6 +57,8 @@ class Transaction {
   void commit();
 
  private:
+  void rollback();
+
   Database& db_;
   bool open_ = true;
 };
@@ -57,6 +67,7 @@ class Transaction {
 void db_create_tables(Database& db);
 void db_insert_account(Database& db, const Account& account);
 std::optional<Account> db_select_account(Database& db, std::string_view number);
+// A violation where the balance would fall below zero.
 void db_add_to_balance(Database& db, std::string_view number, std::int64_t amount);
 std::int64_t db_sum_sent(Database& db, std::string_view number, std::string_view date);
 void db_insert_transfer(Database& db, std::string_view gid, std::string_view date,

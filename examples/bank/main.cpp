@@ -18,7 +18,7 @@
 #include "db.h"
 #include "request.h"
 #include "service.h"
-#include "varn/tran.h"
+#include "varn/tran.hpp"
 #include "workload.h"
 
 namespace {
@@ -140,6 +140,8 @@ int run(const Options& options) {
 // A bank that cannot be traced is still open for business.
 struct Tracing {
   Tracing() {
+    setenv("VARN_CONSOLE", "off", 0);  // standard output is for what the bank has to say
+    TRAN_SET_DBCONN_INFO(varn::kCallingThread, "BANKAPP", "LEDGER");
     if (const int rc = TRAN_INIT(); rc != TRAN_RC_OK)
       std::fprintf(stderr, "bank: not traced, TRAN_INIT returned %d\n", rc);
   }

@@ -16,7 +16,7 @@ constexpr std::string_view kMobile = "MBK";
 constexpr std::string_view kDone = "BNK000000";
 
 // What all services of one request have in common: the head of the telegram that asked for it.
-trace::Texts texts_of(const Request& request, std::string_view svc_id) {
+varn::Texts texts_of(const Request& request, std::string_view svc_id) {
   return {.gid = request.gid,
           .svc_id = svc_id,
           .trsc_grco_br = "010101",
@@ -54,10 +54,14 @@ Outcome fail(const DbError& error) {
 }
 
 Outcome check_account(const std::optional<Account>& account, const std::string& number) {
-  if (!account) return refuse("BNK001001", "없는 계좌번호입니다. [" + number + "]");
-  if (account->frozen)
-    return refuse("BNK001002", "거래정지 계좌입니다. [" + number + " " + account->holder + "]");
-  return {};
+  varn::Call call(__func__);
+  Outcome outcome;
+  if (!account)
+    outcome = refuse("BNK001001", "없는 계좌번호입니다. [" + number + "]");
+  else if (account->frozen)
+    outcome = refuse("BNK001002", "거래정지 계좌입니다. [" + number + " " + account->holder + "]");
+  call.set_rc(trace::rc_of(outcome));
+  return outcome;
 }
 
 // HIST0001: what the account has sent today.
@@ -71,34 +75,41 @@ std::int64_t sent_today(Database& db, const Request& request) {
 // LIMIT001: whether the transfer stays within the sender's daily limit.
 Outcome check_limit(Database& db, const Request& request, const Account& from) {
   trace::Service service(texts_of(request, "LIMIT001"));
+  varn::Call call(__func__);
   const std::int64_t sent = sent_today(db, request);
   Outcome outcome;
   if (sent + request.amount > from.daily_limit)
     outcome =
         refuse("BNK001003", "1일 이체한도를 초과하였습니다. [한도 " + won(from.daily_limit) +
                                 ", 금일 이체 " + won(sent) + ", 요청 " + won(request.amount) + "]");
+  call.set_rc(trace::rc_of(outcome));
   service.set_outcome(outcome);
   return outcome;
 }
 
-// ACCT0001: takes an amount from an account or puts one into it.
+// ACCT0001: takes an amount from an account or puts one into it. Whether there is enough to take is
+// for the database to say.
 Outcome post(Database& db, const Request& request, const Account& account, std::int64_t amount) {
   trace::Service service(texts_of(request, "ACCT0001"));
+  varn::Call call(__func__);
   Outcome outcome;
-  if (account.balance + amount < 0) {
-    outcome = refuse("BNK001004", "잔액이 부족합니다. [" + account.holder + ", 잔액 " +
-                                      won(account.balance) + ", 요청 " + won(-amount) + "]");
-  } else {
+  try {
     db_add_to_balance(db, account.number, amount);
     trace::info((amount < 0 ? "출금 " + won(-amount) : "입금 " + won(amount)) + " [" +
                 account.number + " " + account.holder + "]");
+  } catch (const DbError& error) {
+    if (!error.is_violation()) throw;
+    outcome = refuse("BNK001004", "잔액이 부족합니다. [" + account.holder + ", 잔액 " +
+                                      won(account.balance) + ", 요청 " + won(-amount) + "]");
   }
+  call.set_rc(trace::rc_of(outcome));
   service.set_outcome(outcome);
   return outcome;
 }
 
 void report_large_transfer(const Request& request, const Account& from, const Account& to) {
   if (request.amount < kLargeTransfer) return;
+  const varn::Call call(__func__);
   trace::event(kLargeTransferEvent, request.gid, kTransfer,
                "고액 이체가 발생하였습니다. [" + from.holder + " -> " + to.holder + ", " +
                    won(request.amount) + "]");
@@ -125,7 +136,7 @@ Outcome book(Database& db, const Request& request) {
 // messages are sent and charged apart from what caused them. When it fails, the transfer stands.
 void notify(Database& db, const Request& request) {
   const std::string gid = new_gid();
-  trace::Texts texts = texts_of(request, kNotification);
+  varn::Texts texts = texts_of(request, kNotification);
   texts.gid = gid;
   texts.recv_svc_cd = kNotification;
   trace::Service service(texts);
@@ -141,7 +152,9 @@ void notify(Database& db, const Request& request) {
 
 Outcome attempt(Database& db, const Request& request) {
   try {
+    varn::Call call(__func__);
     Outcome outcome = book(db, request);
+    call.set_rc(trace::rc_of(outcome));
     if (!outcome.done()) db_insert_audit(db, request.gid, kTransfer, outcome.code, outcome.message);
     return outcome;
   } catch (const DbError& error) {

@@ -5,24 +5,15 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <string>
-
-// A pair: pointer and length, or null.
-#define PAIR(text) (text).data(), static_cast<int>((text).size())
-#define NONE nullptr, 0
 
 namespace bank::trace {
 namespace {
 
-constexpr int kCallingThread = -1;
 constexpr std::string_view kOtherChannel = "O";
 
-using TransactionCall = int (*)(int TRAN_FIELD_PARAMETERS);
-
-int call(TransactionCall tran, const Texts& texts) {
-#define BANK_PAIR(name, width) , PAIR(texts.name)
-  return tran(kCallingThread TRAN_FIELD_LIST(BANK_PAIR));
-#undef BANK_PAIR
+varn::Texts request_of(varn::Texts texts) {
+  texts.rqst_rsps_dv_cd = "S";
+  return texts;
 }
 
 struct Converter {
@@ -30,7 +21,55 @@ struct Converter {
   ~Converter() { iconv_close(handle); }
 };
 
-// What has no place in EUC-KR becomes a question mark.
+// The four digits that tell one error from another.
+std::string_view short_code(std::string_view code) { return code.substr(code.size() - 4); }
+
+// A thread that is not traced works on all the same, but somebody should know.
+void tell_if_untraced(int rc) {
+  static std::atomic_flag told;
+  if (rc == TRAN_RC_NO_CONTEXT && !told.test_and_set())
+    std::fprintf(stderr, "bank: more threads than the agent traces, see VARN_THREAD_ID\n");
+}
+
+}  // namespace
+
+Service::Service(const varn::Texts& texts) : service_(request_of(texts)) {
+  tell_if_untraced(service_.rc());
+  service_.texts().rqst_rsps_dv_cd = "R";
+  service_.texts().std_tmsg_err_cd = "BNK009999";  // should an exception leave the service
+}
+
+void Service::set_outcome(const Outcome& outcome) {
+  service_.set_result(outcome.result, outcome.code);
+}
+
+int rc_of(const Outcome& outcome) {
+  if (outcome.done()) return 0;
+  return outcome.result == '1' ? 1 : varn::kFailedRc;
+}
+
+// A record kind that is switched off is asked about first: nothing is converted for nobody.
+void info(std::string_view message) {
+  if (check_gvar('I') == 0) varn::info(to_euc_kr(message));
+}
+
+void error_info(const Outcome& outcome) {
+  if (check_gvar('E') == 0)
+    varn::error_info({.code = short_code(outcome.code),
+                      .message = to_euc_kr(outcome.message),
+                      .chnl_class = kOtherChannel});
+}
+
+void event(std::string_view code, std::string_view gid, std::string_view svc_id,
+           std::string_view message) {
+  if (check_gvar('V') == 0)
+    varn::event({.code = code,
+                 .message = to_euc_kr(message),
+                 .chnl_class = kOtherChannel,
+                 .gid = gid,
+                 .svc_id = svc_id});
+}
+
 std::string to_euc_kr(std::string_view utf8) {
   thread_local const Converter converter;
   std::string converted(utf8.size(), '\0');  // never longer than UTF-8
@@ -49,63 +88,6 @@ std::string to_euc_kr(std::string_view utf8) {
   }
   converted.resize(converted.size() - out_left);
   return converted;
-}
-
-// The four digits that tell one error from another.
-std::string_view short_code(std::string_view code) { return code.substr(code.size() - 4); }
-
-// A thread that is not traced works on all the same, but somebody should know.
-void tell_if_untraced(int rc) {
-  static std::atomic_flag told;
-  if (rc == TRAN_RC_NO_CONTEXT && !told.test_and_set())
-    std::fprintf(stderr, "bank: more threads than the agent traces, see VARN_THREAD_ID\n");
-}
-
-}  // namespace
-
-Service::Service(const Texts& texts) : texts_(texts) {
-  texts_.rqst_rsps_dv_cd = "S";
-  tell_if_untraced(call(TRAN_START, texts_));
-  texts_.rqst_rsps_dv_cd = "R";
-  texts_.std_tmsg_err_cd = "BNK009999";
-}
-
-Service::~Service() {
-  texts_.proc_rslt_dv_cd = {&result_, 1};
-  call(TRAN_END, texts_);
-}
-
-void Service::set_outcome(const Outcome& outcome) {
-  result_ = outcome.result;
-  texts_.std_tmsg_err_cd = outcome.code;
-}
-
-void Service::error() {
-  texts_.proc_rslt_dv_cd = {&result_, 1};
-  call(TRAN_ERROR, texts_);
-}
-
-// A record kind that is switched off is asked about first: nothing is converted for nobody.
-void info(std::string_view message) {
-  if (check_gvar('I') != 0) return;
-  const std::string text = to_euc_kr(message);
-  TRAN_INFO(kCallingThread, NONE, NONE, NONE, NONE, NONE, NONE, NONE, PAIR(text));
-}
-
-void error_info(const Outcome& outcome) {
-  if (check_gvar('E') != 0) return;
-  const std::string text = to_euc_kr(outcome.message);
-  const std::string_view code = short_code(outcome.code);
-  TRAN_ERRINFO(kCallingThread, NONE, NONE, NONE, NONE, NONE, NONE, NONE, PAIR(code), NONE,
-               PAIR(kOtherChannel), PAIR(text));
-}
-
-void event(std::string_view code, std::string_view gid, std::string_view svc_id,
-           std::string_view message) {
-  if (check_gvar('V') != 0) return;
-  const std::string text = to_euc_kr(message);
-  TRAN_EVENT(kCallingThread, NONE, NONE, PAIR(gid), PAIR(svc_id), NONE, NONE, NONE, PAIR(code),
-             NONE, PAIR(kOtherChannel), PAIR(text));
 }
 
 }  // namespace bank::trace

@@ -132,9 +132,9 @@ VARN_API int TRAN_DONE(void);
 /* Opens a service on the thread, up to ten deep, and sends record '1'. Inside an open service, the
  * same GID nests one level deeper; another GID does so too and is reported as a linked transaction,
  * unless the channel is "ICT" or "ICC". Levels left open by a service that never ended are dropped
- * once they are older than DEFAULT_TIMEOUT_SEC. A start refused with 100 or 121 still counts as a
- * level: call TRAN_END for it.
- * Returns the queue number, or 99 to 103, 105, 107, 116, 118, 121, 123, 126. */
+ * once they are older than DEFAULT_TIMEOUT_SEC. A start refused with 100, 118 or 121 still counts
+ * as a level: call TRAN_END for it. Returns the queue number, or 99 to 103, 105, 107, 116, 118,
+ * 121, 123, 126. */
 VARN_API int TRAN_START(int tid TRAN_FIELD_PARAMETERS);
 
 /* Closes the thread's innermost service and sends record '2' with the GID and service id given at
@@ -204,7 +204,8 @@ VARN_API int TRAN_SET_SVCTIMEOUT(int tid);
  *   status                    -1: the call's return code is of no interest (recorded as 99)
  *   func_nm                   the function's name (70); null counts as an empty one
  * Returns 0, or 99 to 103, 107, 112, 115, 116, 118, 121, 122, 123, 126. A start refused with 115 or
- * 122 still counts as a call that its end closes. */
+ * 122 opens nothing, though it counts in the depth: an end for it would close the call around it.
+ */
 VARN_API int TRAN_CALLINFO_S(TRAN_CALL_PARAMETERS);
 
 /* Closes the innermost open call, whatever its name, and records it (kind 'B' or 'C') when it took

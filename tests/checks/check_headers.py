@@ -1,4 +1,4 @@
-"""Every header compiles alone, and twice in a row; the public one as C99 and as C++98 and C++20.
+"""Every header compiles alone, and twice in a row; the public ones in every language they are for.
 
 Usage: check_headers.py ROOT CC CXX
 """
@@ -10,7 +10,10 @@ import subprocess
 import sys
 
 STRICT = ["-fsyntax-only", "-Wall", "-Wextra", "-Werror"]
-PUBLIC = "varn/tran.h"
+PUBLIC = {
+    "varn/tran.h": ("c99", "c++98", "c++20"),
+    "varn/tran.hpp": ("c++17", "c++20"),
+}
 
 
 def compile_alone(command, header):
@@ -21,10 +24,10 @@ def compile_alone(command, header):
 
 def jobs(root, cc, cxx):
     include, src = root / "include", root / "src"
-    public = STRICT + ["-pedantic", f"-I{include}"]
-    yield [cc, "-std=c99", *public, "-xc", "-"], PUBLIC
-    yield [cxx, "-std=c++98", *public, "-xc++", "-"], PUBLIC
-    yield [cxx, "-std=c++20", *public, "-xc++", "-"], PUBLIC
+    for header, standards in PUBLIC.items():
+        for standard in standards:
+            compiler, language = (cxx, "c++") if "+" in standard else (cc, "c")
+            yield [compiler, f"-std={standard}", *STRICT, "-pedantic", f"-I{include}", f"-x{language}", "-"], header
     inside = [cxx, "-std=c++20", *STRICT, f"-I{include}", f"-I{src}", f"-I{root}", "-xc++", "-"]
     for folder, base in ((src, src), (root / "collector", root)):
         headers = sorted(folder.rglob("*.h"))

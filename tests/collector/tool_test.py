@@ -117,19 +117,28 @@ class Tool(unittest.TestCase):
             collecting.send_signal(signal.SIGTERM)
             counts = summary(self.ended(collecting, 0)[1])
             lines = sorted(read_json(records), key=lambda line: line["queue"])
-            self.assertEqual([line["kind"] for line in lines], ["event", "start", "info", "end"])
-            event, start, info, end = lines
+            self.assertEqual([line["kind"] for line in lines], 
+                             ["event", "start", "sql", "dbio", "info", "call", "info", "end"])
+            event, start, sql, dbio, info, call, statistics, end = lines
             self.assertEqual(event["code"], "1508")
             self.assertEqual(event["message"], "거래추적 대상 프로세스(c_basic)가 기동되었습니다.")
-            for line in (start, info, end):
+            for line in lines[1:]:
                 self.assertEqual((line["queue"], line["gid"], line["svc_id"], line["proc_nm"]),
-                                 (2, GID, "HELLO001", "c_basic"))
+                                 (2, GID, "HELLO001", "" if line is sql else "c_basic"))
             self.assertEqual((start["depth"], start["chnl_typ_cd"], start["recv_svc_cd"]),
                              (1, "WEB", "HELLO001"))
             self.assertEqual(info["message"], "half way there")
+            self.assertEqual(sql["statement"]["sql"],
+                             "SELECT text FROM greetings WHERE language = 'ko'")
+            self.assertEqual((dbio["call"]["function"], dbio["call"]["level"],
+                              dbio["call"]["sqlcode"], dbio["call"]["fetched_rows"]),
+                             ("db_select_greeting", 2, 0, 1))
+            self.assertEqual((call["call"]["function"], call["call"]["database_us"]),
+                             ("greet", dbio["call"]["total_us"]))
+            self.assertIn("[ 총 호출 2 건 ]", statistics["message"])
             self.assertGreaterEqual(end["elapsed_us"], 2000)
-            self.assertEqual(counts["records"], [4])
-            self.assertEqual(counts["queue 2"], [3, 7, 7])
+            self.assertEqual(counts["records"], [8])
+            self.assertEqual(counts["queue 2"], [7, 7, 7])
             self.assertEqual(counts["failed sends"], [7, 7])
 
             # What a queue holds when told to stop is shown; failures of before are told apart.
@@ -139,8 +148,10 @@ class Tool(unittest.TestCase):
             out = self.ended(collecting, 0)[0]
             self.assertRegex(out, rf"\d\d:\d\d:\d\d\.\d{{6}} c_basic\(\d+\) +\d+ {GID} +01 +end "
                                   r"+\d+\.\d{3}ms HELLO001 ")
-            self.assertEqual(summary(out)["records"], [4])
-            self.assertEqual(summary(out)["queue 2"], [3, 0, 7])
+            self.assertRegex(out, r" dbio +\d+\.\d{3}ms +HELLO001 +level 2 db_select_greeting at greet "
+                                  r"\(main\.c:\d+\) ")
+            self.assertEqual(summary(out)["records"], [8])
+            self.assertEqual(summary(out)["queue 2"], [7, 0, 7])
             self.assertEqual(summary(out)["HELLO001"][:1], [1])
 
             collecting = self.collect()
@@ -187,6 +198,8 @@ class Tool(unittest.TestCase):
     def test_run_shows_the_whole_of_a_program(self):
         out, err = self.varn("run", "--", BANK, "-n", "40", "-r", "200")
         self.assertIn("이체 접수 [", out)
+        self.assertRegex(out, r"XFER0001  .*\n(.*\n)*?.* ├─ attempt \(service\.cpp:\d+\)\n"
+                              r".* │  ├─ db_begin at Transaction .*\n.* │  │  └─ BEGIN IMMEDIATE\n")
         self.assertNotIn("\N{REPLACEMENT CHARACTER}", out)
         self.assertNotIn("last faults", out)
         records = self.home / "records"

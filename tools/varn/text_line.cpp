@@ -67,6 +67,13 @@ std::string call_message(const CallText& call) {
   return outcome.empty() ? message : message + ' ' + outcome;
 }
 
+std::string service_message(const DecodedRecord& record) {
+  const auto dbio_us =
+      static_cast<std::int64_t>(digits_of(field_of(record, kDbioElapsed.name)).value_or(0));
+  const std::string text = service_text(record);
+  return dbio_us == 0 ? text : "db=" + milliseconds_text(dbio_us) + "ms " + text;
+}
+
 }  // namespace
 
 std::size_t display_width(std::string_view text) {
@@ -126,7 +133,7 @@ std::string text_line(TextLines& lines, int queue, std::size_t size, const Decod
     lines.width[i] = std::max(lines.width[i], display_width(columns[i]));
   return join(lines.width, columns,
               call        ? call_message(*call)
-              : depth > 0 ? service_text(record)
+              : depth > 0 ? service_message(record)
                           : notice_text(record));
 }
 
