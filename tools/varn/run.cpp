@@ -113,7 +113,10 @@ std::string functions_library() {
   const auto tool_dir = std::filesystem::read_symlink("/proc/self/exe", fault).parent_path();
   for (const char* const dir : {"../functions", VARN_LIBDIR_FROM_BINDIR}) {
     const auto path = (tool_dir / dir / "libvarn-functions.so").lexically_normal();
-    if (!fault && std::filesystem::exists(path, fault)) return path;
+    if (fault || !std::filesystem::exists(path, fault)) continue;
+    if (path.string().find_first_of(" :") != std::string::npos)
+      throw Failure(path.string() + ": with a blank or a colon in its path it cannot be preloaded");
+    return path;
   }
   throw Failure("libvarn-functions.so is not there, neither in " +
                 (tool_dir / VARN_LIBDIR_FROM_BINDIR).lexically_normal().string() +
