@@ -146,7 +146,7 @@ int start_call(MTR_CXT_VAR& var, const CallKind& kind, const StartArgs& args) {
   const std::int32_t call_nest = load(entry.call_nest);
   if (call_nest < 0) return refuse_negative_nesting(text_or_empty(args.func_nm));
   if (call_nest > load(entry.trc_depth) && !kind.is_dbio()) return TRAN_RC_OK;  // not traced
-  const auto call_top = static_cast<int>(load(entry.call_top));
+  const int call_top = load(entry.call_top);
   if (call_top < 0 || call_top > kMaxCallDepth) return TRAN_RC_CALL_DEPTH;
   if (const CallEntry* const top = innermost_call(entry);
       top != nullptr && kind.is_dbio() && load(top->type) == kDbioCall)
@@ -421,7 +421,7 @@ int end_call(MTR_CXT_VAR& var, Text func_nm, int rc, EndedCall& ended) {
     return refused;
 
   PTRC_HASH_ENT& entry = *var.ptrc;
-  const auto call_top = static_cast<int>(load(entry.call_top));
+  const int call_top = load(entry.call_top);
   if (call_top < 1 || call_top > kMaxCallDepth) return refuse_end_without_start(func_nm);
   const std::int32_t call_nest = load(entry.call_nest);
   if (call_nest < 0) return refuse_end_below_zero(func_nm);

@@ -11,7 +11,7 @@ inline constexpr char kDbioCall = 'B';
 
 // Null when none is open, or the number of open calls cannot be.
 inline CallEntry* innermost_call(PTRC_HASH_ENT& entry) {
-  const auto call_top = static_cast<int>(load(entry.call_top));
+  const int call_top = load(entry.call_top);
   return call_top < 1 || call_top > kMaxCallDepth ? nullptr : &entry.call_stack[call_top - 1];
 }
 

@@ -205,27 +205,6 @@ bool is_same_thread(const MTR_CXT_VAR& var, const Caller& caller, int tid) {
   return tid >= 0 || load(var.kernel_tid) == caller.kernel_tid.load(std::memory_order_relaxed);
 }
 
-[[gnu::cold, gnu::noinline]] int search_context(Caller& caller, int tid, MTR_CXT_VAR** out) {
-  const ErrnoGuard errno_kept;
-  const CancelGuard not_cancelled;
-  const std::uint64_t id = get_tid(caller, tid);
-  MtrTidIdx& bucket = bucket_of(id);
-  const BucketGuard guard(bucket);
-
-  TidSlot* const slot = find_slot(bucket, id);
-  if (slot != nullptr && is_same_thread(*slot->var, caller, tid)) {
-    *out = slot->var;
-  } else {
-    // The one that held this id has ended, even if its kernel id lives on with another thread.
-    if (slot != nullptr) store(slot->var->kernel_tid, 0);
-    if (const int rc = claim_context(caller, bucket, id, out); rc != 0) return rc;
-  }
-  caller.claim_no = load((*out)->claim_no);
-  caller.tid_arg = tid < 0 ? -1 : tid;
-  caller.var.store(*out, std::memory_order_relaxed);
-  return TRAN_RC_OK;
-}
-
 void release_context(MtrTidIdx& bucket, int place) {
   TidSlot& slot = bucket.tid_arr[place];
   MTR_CXT_VAR& var = *slot.var;
@@ -287,24 +266,32 @@ std::uint64_t get_tid(const Caller& caller, int tid) {
   return pthread_self();
 }
 
-int get_mtr_cxt_var(Caller& caller, int tid, MTR_CXT_VAR** out) {
-  if (!is_started()) return TRAN_RC_NOT_STARTED;
-  MTR_CXT_VAR* var = caller.var.load(std::memory_order_relaxed);
-  // The same thread again: no search and no lock.
-  const bool is_same = var != nullptr && caller.tid_arg == (tid < 0 ? -1 : tid) &&
-                       load_acquire(var->claim_no) == caller.claim_no;
-  if (!is_same) [[unlikely]] {
-    if (const int rc = search_context(caller, tid, &var); rc != 0) return rc;
+[[gnu::cold, gnu::noinline]] int search_context(Caller& caller, int tid, MTR_CXT_VAR** out) {
+  const ErrnoGuard errno_kept;
+  const CancelGuard not_cancelled;
+  const std::uint64_t id = get_tid(caller, tid);
+  MtrTidIdx& bucket = bucket_of(id);
+  const BucketGuard guard(bucket);
+
+  TidSlot* const slot = find_slot(bucket, id);
+  if (slot != nullptr && is_same_thread(*slot->var, caller, tid)) {
+    *out = slot->var;
+  } else {
+    // The one that held this id has ended, even if its kernel id lives on with another thread.
+    if (slot != nullptr) store(slot->var->kernel_tid, 0);
+    if (const int rc = claim_context(caller, bucket, id, out); rc != 0) return rc;
   }
-  store(var->kernel_tid, caller.kernel_tid.load(std::memory_order_relaxed));
-  store(var->lasted_access, static_cast<std::int64_t>(time(nullptr)));
-  if (const PTRC_HASH_ENT* const ptrc = var->ptrc;
-      ptrc != nullptr && load(ptrc->ent_tid) != var->tid) [[unlikely]]
-    VARN_LOG_LIMITED(
-        "<!> get_mtr_cxt_var return error!! tid (%lu) <> get_ptrc-> tid (%lu)[ pid %d, pidx %d ]",
-        var->tid, load(ptrc->ent_tid), load(ptrc->ent_pid), load(ptrc->pidx));
-  *out = var;
+  caller.claim_no = load((*out)->claim_no);
+  caller.tid_arg = tid < 0 ? -1 : tid;
+  caller.var.store(*out, std::memory_order_relaxed);
   return TRAN_RC_OK;
+}
+
+void log_foreign_entry(const MTR_CXT_VAR& var) {
+  const PTRC_HASH_ENT& ptrc = *var.ptrc;
+  VARN_LOG_LIMITED(
+      "<!> get_mtr_cxt_var return error!! tid (%lu) <> get_ptrc-> tid (%lu)[ pid %d, pidx %d ]",
+      var.tid, load(ptrc.ent_tid), load(ptrc.ent_pid), load(ptrc.pidx));
 }
 
 MTR_CXT_VAR* get_empty_mtr_cxt_var(MTR_CXT_VAR (&slots)[kBucketContexts]) {

@@ -4,9 +4,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 
 #include "core/caller.h"
+#include "core/tran_ex.h"
 #include "layout/gvar.h"
+#include "util/shared_word.h"
 
 namespace varn {
 
@@ -14,8 +17,27 @@ namespace varn {
 // thread's.
 std::uint64_t get_tid(const Caller& caller, int tid);
 
+// The rare ways of get_mtr_cxt_var.
+[[gnu::cold]] int search_context(Caller& caller, int tid, MTR_CXT_VAR** out);
+[[gnu::cold]] void log_foreign_entry(const MTR_CXT_VAR& var);
+
 // Finds or claims the context: 0, or 103, 107 or 116.
-int get_mtr_cxt_var(Caller& caller, int tid, MTR_CXT_VAR** out);
+inline int get_mtr_cxt_var(Caller& caller, int tid, MTR_CXT_VAR** out) {
+  if (!is_started()) return TRAN_RC_NOT_STARTED;
+  MTR_CXT_VAR* var = caller.var.load(std::memory_order_relaxed);
+  // The same thread again: no search and no lock.
+  const bool is_same = var != nullptr && caller.tid_arg == (tid < 0 ? -1 : tid) &&
+                       load_acquire(var->claim_no) == caller.claim_no;
+  if (!is_same) [[unlikely]] {
+    if (const int rc = search_context(caller, tid, &var); rc != 0) return rc;
+  }
+  store(var->kernel_tid, caller.kernel_tid.load(std::memory_order_relaxed));
+  store(var->lasted_access, static_cast<std::int64_t>(time(nullptr)));
+  if (var->ptrc != nullptr && load(var->ptrc->ent_tid) != var->tid) [[unlikely]]
+    log_foreign_entry(*var);
+  *out = var;
+  return TRAN_RC_OK;
+}
 
 // The innermost open service; null when the depth is not 1 to 10.
 inline SvcLevel* current_level(MTR_CXT_VAR& var) {

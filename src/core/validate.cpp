@@ -160,12 +160,12 @@ int validate_dbio(MTR_CXT_VAR& var, const RecordKind& kind) {
 }
 
 // Client-handler and web calls open no service level of their own.
-bool is_flat(ApiType api_type) {
+constexpr bool is_flat(ApiType api_type) {
   return api_type == kClhStartApi || api_type == kClhEndApi || api_type == kClhErrorApi ||
          api_type == kWebStartApi || api_type == kWebEndApi;
 }
 
-bool needs_open_service(char rec_type, ApiType api_type) {
+constexpr bool needs_open_service(char rec_type, ApiType api_type) {
   switch (rec_type) {
     case '9':
     case 'E':
@@ -191,32 +191,43 @@ bool is_foreign_entry(const MTR_CXT_VAR& var, char rec_type) {
   return true;
 }
 
-}  // namespace
-
-[[gnu::flatten]] int trace_validate(MTR_CXT_VAR& var, char rec_type, ApiType api_type,
-                                    TRAN_LOGF_QUE_DATA& record, Text svc_id, Text snap_cd) {
+int entry_fault(MTR_CXT_VAR& var, char rec_type) {
   if (var.cxt_init_flag == TRAN_RC_NO_ENTRY || var.ptrc == nullptr) return TRAN_RC_NO_ENTRY;
-  if (is_foreign_entry(var, rec_type)) return TRAN_RC_FOREIGN_ENTRY;
-  const RecordKind* const kind = record_kind(rec_type);
-  if (kind == nullptr) return TRAN_RC_UNKNOWN_TYPE;
+  return is_foreign_entry(var, rec_type) ? TRAN_RC_FOREIGN_ENTRY : TRAN_RC_OK;
+}
 
-  if (needs_open_service(rec_type, api_type) && !has_open_service(var)) return TRAN_RC_NO_SERVICE;
-  if (rec_type == 'Q' && load(var.ptrc->sql_cnt) > kSqlEntries) return TRAN_RC_TOO_MANY_SQL;
+// With the record type known to the compiler, which leaves out what other kinds are asked.
+template <char kRecType>
+[[gnu::flatten]] int validate(MTR_CXT_VAR& var, ApiType api_type, TRAN_LOGF_QUE_DATA& record,
+                              Text svc_id, Text snap_cd) {
+  constexpr const RecordKind& kind = kKind<kRecType>;
+  if (const int rc = entry_fault(var, kRecType); rc != 0) return rc;
+  if (needs_open_service(kRecType, api_type) && !has_open_service(var)) return TRAN_RC_NO_SERVICE;
+  if (kRecType == 'Q' && load(var.ptrc->sql_cnt) > kSqlEntries) return TRAN_RC_TOO_MANY_SQL;
   char* const header_svc_id = record.view + kSvcId.at;
   put_padded(header_svc_id, kSvcId.width, svc_id);
   header_svc_id[kSvcId.width] = ' ';
 
+  if constexpr (kRecType == '1') return validate_start(var, kind, header_svc_id, snap_cd);
+  if constexpr (kRecType == '2') return validate_end(var, kind);
+  if constexpr (kRecType == 'B') return validate_dbio(var, kind);
+  return filter_and_flag(var, kind, kRecType == 'V' ? kSnapshotFinished : kSnapshotRunning);
+}
+
+}  // namespace
+
+int trace_validate(MTR_CXT_VAR& var, char rec_type, ApiType api_type, TRAN_LOGF_QUE_DATA& record,
+                   Text svc_id, Text snap_cd) {
   switch (rec_type) {
-    case '1':
-      return validate_start(var, *kind, header_svc_id, snap_cd);
-    case '2':
-      return validate_end(var, *kind);
-    case 'B':
-      return validate_dbio(var, *kind);
-    case 'V':
-      return filter_and_flag(var, *kind, kSnapshotFinished);
-    default:
-      return filter_and_flag(var, *kind, kSnapshotRunning);
+#define VARN_CASE(type) \
+  case type:            \
+    return validate<type>(var, api_type, record, svc_id, snap_cd);
+    VARN_CASE('C')
+    VARN_CASE('B') VARN_CASE('1') VARN_CASE('2') VARN_CASE('9') VARN_CASE('E') VARN_CASE('I')
+        VARN_CASE('Q') VARN_CASE('V') VARN_CASE('X')
+#undef VARN_CASE
+            default : const int rc = entry_fault(var, rec_type);
+    return rc != 0 ? rc : TRAN_RC_UNKNOWN_TYPE;
   }
 }
 

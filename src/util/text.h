@@ -80,20 +80,21 @@ inline constexpr auto kDigitPairs = [] {
   return pairs;
 }();
 
+inline constexpr auto kPowersOfTen = [] {
+  std::array<std::uint64_t, 20> powers{};
+  std::uint64_t power = 1;
+  for (std::uint64_t& each : powers) {
+    each = power;
+    power *= 10;
+  }
+  return powers;
+}();
+
 // Decimal digits of a number; one for zero.
 constexpr std::size_t digit_count(std::uint64_t number) {
-  constexpr auto kPowers = [] {
-    std::array<std::uint64_t, 20> powers{};
-    std::uint64_t power = 1;
-    for (std::uint64_t& each : powers) {
-      each = power;
-      power *= 10;
-    }
-    return powers;
-  }();
   // 1233 / 4096 is a little over log10(2).
   const auto below = static_cast<std::size_t>(std::bit_width(number | 1) * 1233 >> 12);
-  return below + (number >= kPowers[below] ? 1 : 0) + (number == 0 ? 1 : 0);
+  return below + (number >= kPowersOfTen[below] ? 1 : 0) + (number == 0 ? 1 : 0);
 }
 static_assert(digit_count(0) == 1 && digit_count(9) == 1 && digit_count(10) == 2);
 static_assert(digit_count(9'999'999'999) == 10 && digit_count(~std::uint64_t{0}) == 20);
@@ -101,12 +102,10 @@ static_assert(digit_count(9'999'999'999) == 10 && digit_count(~std::uint64_t{0})
 // Zero-filled decimal digits; a number too large for the field shows as the largest that fits.
 inline void put_unsigned(char* field, std::size_t width, std::uint64_t number) {
   std::uint64_t rest = number;
-  std::memset(field, '0', width);
   std::size_t at = width;
-  for (; rest != 0 && at >= 2; rest /= 100)
-    std::memcpy(field + (at -= 2), &kDigitPairs[rest % 100 * 2], 2);
-  if (rest != 0 && at != 0) {
-    field[--at] = static_cast<char>('0' + rest % 10);
+  for (; at >= 2; rest /= 100) std::memcpy(field + (at -= 2), &kDigitPairs[rest % 100 * 2], 2);
+  if (at != 0) {
+    *field = static_cast<char>('0' + rest % 10);
     rest /= 10;
   }
   if (rest != 0) std::memset(field, '9', width);
