@@ -221,13 +221,21 @@ int trace_validate(MTR_CXT_VAR& var, char rec_type, ApiType api_type, TRAN_LOGF_
   switch (rec_type) {
 #define VARN_CASE(type) \
   case type:            \
-    return validate<type>(var, api_type, record, svc_id, snap_cd);
-    VARN_CASE('C')
-    VARN_CASE('B') VARN_CASE('1') VARN_CASE('2') VARN_CASE('9') VARN_CASE('E') VARN_CASE('I')
-        VARN_CASE('Q') VARN_CASE('V') VARN_CASE('X')
+    return validate<type>(var, api_type, record, svc_id, snap_cd)
+    VARN_CASE('1');
+    VARN_CASE('2');
+    VARN_CASE('9');
+    VARN_CASE('B');
+    VARN_CASE('C');
+    VARN_CASE('E');
+    VARN_CASE('I');
+    VARN_CASE('Q');
+    VARN_CASE('V');
+    VARN_CASE('X');
 #undef VARN_CASE
-            default : const int rc = entry_fault(var, rec_type);
-    return rc != 0 ? rc : TRAN_RC_UNKNOWN_TYPE;
+    default:
+      const int rc = entry_fault(var, rec_type);
+      return rc != 0 ? rc : TRAN_RC_UNKNOWN_TYPE;
   }
 }
 

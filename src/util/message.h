@@ -37,7 +37,7 @@ class Message {
     const std::uint64_t size =
         number < 0 ? 0 - static_cast<std::uint64_t>(number) : static_cast<std::uint64_t>(number);
     const std::size_t digits = std::max(digit_count(size), width);
-    if (digits <= room()) {
+    if (size_ + digits <= kCapacity) {
       put_unsigned(bytes_ + size_, digits, size);
       size_ += digits;
       return *this;
