@@ -33,9 +33,10 @@ TEST(CallText, IsTakenApartWhateverTheFunctionIsCalled) {
   EXPECT_FALSE(call->db);
 
   const std::string times = "1,10,0.000001,0.000000,0.000000,0.000000,1.000000,1.000001,";
-  const auto db = parse_call(times +
-                             "[][db_sum(A&, B) at limit (l.cpp::00044){2}]#SQLCODE -1, #RC 7 "
-                             "(line 41) fetch 3 rows (12.45 ms) DB ledger/BANKDB");
+  const std::string of_database = times +
+                                  "[][db_sum(A&, B) at limit (l.cpp::00044){2}]#SQLCODE -1, #RC 7 "
+                                  "(line 41) fetch 3 rows (12.45 ms) DB ledger/BANKDB";
+  const auto db = parse_call(of_database);
   ASSERT_TRUE(db && db->db);
   EXPECT_EQ(db->function, "db_sum(A&, B)");
   EXPECT_EQ(db->place, "limit");
@@ -47,7 +48,8 @@ TEST(CallText, IsTakenApartWhateverTheFunctionIsCalled) {
   EXPECT_EQ(db->db->fetch_us, 12'045);
   EXPECT_EQ(db->db->connection, "ledger/BANKDB");
 
-  const auto cut = parse_call(times + "[METHOD][a_long_name at a_long_pla");
+  const std::string half = times + "[METHOD][a_long_name at a_long_pla";
+  const auto cut = parse_call(half);
   ASSERT_TRUE(cut);
   EXPECT_EQ(cut->function, "a_long_name");
   EXPECT_FALSE(cut->rc);
