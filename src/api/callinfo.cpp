@@ -316,7 +316,7 @@ void put_times(Body& body, const PTRC_HASH_ENT& entry, const EndedCall& ended) {
   }
   for (const TimeVal& place : {ended.call->start_tv, ended.call->end_tv}) {
     const TimeVal tv = load_time(place);
-    (body << tv.sec << '.').padded(tv.usec, 6) << ',';
+    (body << tv.sec << '.').micros(tv.usec) << ',';
   }
 }
 

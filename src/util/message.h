@@ -47,9 +47,22 @@ class Message {
     return append({cut, digits});
   }
 
+  // As "%06ld" prints it.
+  Message& micros(std::int64_t us) {
+    if (us < 0 || us >= kUsPerSecond || size_ + 6 > kCapacity) return padded(us, 6);
+    const auto rest = static_cast<std::uint32_t>(us);
+    char* const place = bytes_ + size_;
+    std::memcpy(place, &kDigitPairs[rest / 10'000 * 2], 2);
+    std::memcpy(place + 2, &kDigitPairs[rest / 100 % 100 * 2], 2);
+    std::memcpy(place + 4, &kDigitPairs[rest % 100 * 2], 2);
+    size_ += 6;
+    return *this;
+  }
+
   // Microseconds as "%ld.%06ld" prints their seconds and the rest, both truncated toward zero.
   Message& seconds(std::int64_t us) {
-    return (*this << us / 1'000'000 << '.').padded(us % 1'000'000, 6);
+    if (us >= 0 && us < kUsPerSecond) return (*this << "0.").micros(us);
+    return (*this << us / kUsPerSecond << '.').micros(us % kUsPerSecond);
   }
 
   // As "%6.2f" prints a number below 10^16. Exact: a float times 100 still fits a double's 53
@@ -84,6 +97,7 @@ class Message {
   std::size_t room() const { return kCapacity - size_; }
 
   static constexpr std::size_t kMostDigits = 20;
+  static constexpr std::int64_t kUsPerSecond = 1'000'000;
 
   std::size_t size_ = 0;
   char bytes_[kCapacity];
