@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <regex>
 #include <thread>
 
 #include "process/calls.h"
@@ -34,37 +35,33 @@ void* address(std::uint64_t number) { return reinterpret_cast<void*>(number); }
 void enter(std::uint64_t number) { __cyg_profile_func_enter(address(number), nullptr); }
 void leave(std::uint64_t number) { __cyg_profile_func_exit(address(number), nullptr); }
 
-struct Output {
-  std::string out, err;
-  bool operator==(const Output&) const = default;
-};
-std::ostream& operator<<(std::ostream& stream, const Output& output) {
-  return stream << "out: " << output.out << "err: " << output.err;
-}
+using Output = std::pair<std::string, std::string>;  // on standard error and on standard output
 
-template <typename Work>
-Output output_of(Work work) {
+Output output_of(const std::function<void()>& work) {
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
   work();
   std::fflush(stdout);
-  return {testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
+  return {testing::internal::GetCapturedStderr(), testing::internal::GetCapturedStdout()};
 }
 
-class Profiling : public RecordTest {
- protected:
-  // The function names of the calls recorded, in the order of their ends.
-  std::vector<std::string> names_in(const std::vector<Record>& records) {
-    std::vector<std::string> names;
-    for (const Record& record : records) {
-      const std::string text = text_of(record, kCallBody.back());
-      const std::size_t at = text.find("[DYCALL][");
-      EXPECT_NE(at, std::string::npos) << text;
-      names.push_back(text.substr(at + 9, text.find(" at ", at) - at - 9));
-    }
-    return names;
-  }
-};
+void call_nested(std::uint64_t outer, std::uint64_t inner) {
+  enter(outer);
+  enter(inner);
+  leave(inner);
+  leave(outer);
+}
+
+// The functions whose calls were recorded, in the order of their ends.
+std::string names_in(const std::vector<Record>& records) {
+  static const std::regex call(R"(.*\[DYCALL\]\[(.*) at .*)");
+  std::string names;
+  for (const Record& record : records)
+    names += std::regex_replace(text_of(record, kCallBody.back()), call, "$1 ");
+  return names;
+}
+
+using Profiling = RecordTest;
 
 TEST_F(Profiling, PrintsTheCallTreeBeforeTheStartAndWhenNothingIsNamed) {
   collector.environment["VARN_CONSOLE"] = "on";
@@ -73,60 +70,54 @@ TEST_F(Profiling, PrintsTheCallTreeBeforeTheStartAndWhenNothingIsNamed) {
     TRAN_ADD_PROFILE(0x1234, "another name");
     TRAN_ADD_PROFILE(0x5678, nullptr);
     TRAN_DEL_PROFILE(0x9999);
-    const auto calls = [] {
-      enter(0x1234);
-      enter(0x5678);
-      leave(0x5678);
-      leave(0x1234);
-    };
-    EXPECT_EQ(output_of(calls), (Output{"0x5678         |   } /* ? */\n"
-                                        "0x1234         | } /* outer */\n",
-                                        "0x1234         | outer() {\n"
-                                        "0x5678         |   ?() {\n"}));
-    TRAN_DEL_PROFILE(0x1234);
-    EXPECT_EQ(output_of([] { enter(0x1234); }).err, "0x1234         | ?() {\n");
-    EXPECT_EQ(output_of([] { leave(0x1234); }).out, "0x1234         | } /* ? */\n");
-    TRAN_ADD_PROFILE(0x1234, "new");
-    EXPECT_EQ(output_of([] { enter(0x1234); }).err, "0x1234         | new() {\n");
+    const Output tree = output_of([] { call_nested(0x1234, 0x5678); });
+    EXPECT_EQ(tree, Output("0x1234         | outer() {\n"
+                           "0x5678         |   ?() {\n",
+                           "0x5678         |   } /* ? */\n"
+                           "0x1234         | } /* outer */\n"));
+    ChildProcess child([] {
+      TRAN_DEL_PROFILE(0x1234);
+      EXPECT_EQ(output_of([] { enter(0x1234); }).first, "0x1234         | ?() {\n");
+      EXPECT_EQ(output_of([] { leave(0x1234); }).second, "0x1234         | } /* ? */\n");
+      TRAN_ADD_PROFILE(0x1234, "new");
+      EXPECT_EQ(output_of([] { enter(0x1234); }).first, "0x1234         | new() {\n");
+    });
+    EXPECT_TRUE(child.wait());
+    EXPECT_EQ(output_of([] { enter(0x1234); }).first, "0x1234         | outer() {\n")
+        << "as before";
   }));
 }
 
 TEST_F(Profiling, EveryFunctionInsideAServiceIsACall) {
   const auto records = trace([&] {
     TRAN_ADD_PROFILE(1, "transfer");
-    enter(1);
-    leave(1);
-    ASSERT_TRUE(is_sent(start({.gid = "GID", .svc_id = "SVC"}, -1)));
+    call_nested(1, 2);
+    ASSERT_TRUE(is_sent(start(-1)));
     collector.read_all();
     errno = E2BIG;
-    EXPECT_EQ(output_of([] {
-                enter(1);
-                enter(2);
-                leave(2);
-                leave(1);
-              }),
-              Output{});
+    EXPECT_EQ(output_of([] { call_nested(1, 2); }), Output());
     EXPECT_EQ(errno, E2BIG);
     ASSERT_EQ(TRAN_DONE(), 0);
-    enter(1);
-    leave(1);
+    call_nested(1, 2);
   });
-  EXPECT_EQ(names_in(records), (std::vector<std::string>{"?", "transfer"}));
+  EXPECT_EQ(names_in(records), "? transfer ");
 }
 
 TEST_F(Profiling, HookInsideAHookDoesNothing) {
+  collector.environment["VARN_CONSOLE"] = "on";
   const auto records = trace([&] {
-    ASSERT_TRUE(is_sent(start({.gid = "GID", .svc_id = "SVC"}, -1)));
+    ASSERT_TRUE(is_sent(start(-1)));
     collector.read_all();
-    clock_calls_back = true;
-    enter(1);
-    leave(1);
-    clock_calls_back = false;
-    const PTRC_HASH_ENT* const own = collector.entries_of(getpid()).front();
-    EXPECT_EQ(own->call_cnt, 1);
-    EXPECT_EQ(own->call_top, 0);
+    const auto call = [] {
+      clock_calls_back = true;
+      enter(1);
+      leave(1);
+      clock_calls_back = false;
+    };
+    EXPECT_EQ(output_of(call), Output("0x1            | ?() {\n", "0x1            | } /* ? */\n"));
+    EXPECT_EQ(collector.entries_of(getpid()).front()->call_cnt, 1);
   });
-  EXPECT_EQ(names_in(records), std::vector<std::string>{"?"});
+  EXPECT_EQ(names_in(records), "? ");
 }
 
 TEST_F(Profiling, NamesComeAndGoWhileThreadsAreInsideHooks) {
@@ -137,8 +128,8 @@ TEST_F(Profiling, NamesComeAndGoWhileThreadsAreInsideHooks) {
     std::atomic<bool> done{false};
     std::vector<std::thread> threads;
     for (int n = 0; n < 3; ++n)
-      threads.emplace_back([&done] {
-        EXPECT_TRUE(is_documented(start({.gid = "GID", .svc_id = "SVC"}, -1)));
+      threads.emplace_back([&] {
+        EXPECT_TRUE(is_documented(start(-1)));
         while (!done) {
           for (std::uint64_t i = 1; i <= kFunctions; ++i) enter(i);
           for (std::uint64_t i = kFunctions; i >= 1; --i) leave(i);
@@ -151,21 +142,6 @@ TEST_F(Profiling, NamesComeAndGoWhileThreadsAreInsideHooks) {
     }
     done = true;
     for (std::thread& thread : threads) thread.join();
-  }));
-}
-
-TEST_F(Profiling, ForkedChildHasTheNamesAndMayChangeThem) {
-  collector.environment["VARN_CONSOLE"] = "on";
-  EXPECT_TRUE(collector.run([] {
-    TRAN_ADD_PROFILE(1, "one");
-    ChildProcess child([] {
-      TRAN_ADD_PROFILE(2, "two");
-      TRAN_DEL_PROFILE(1);
-      EXPECT_EQ(output_of([] { enter(2); }).err, "0x2            | two() {\n");
-      EXPECT_EQ(output_of([] { leave(1); }).out, "0x1            | } /* ? */\n");
-    });
-    EXPECT_TRUE(child.wait());
-    EXPECT_EQ(output_of([] { enter(1); }).err, "0x1            | one() {\n");
   }));
 }
 

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <ctime>
 #include <string>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -24,17 +23,6 @@ struct Arg {
   Arg() = default;
   Arg(const char* t, int n = -1) : text(t), len(n) {}
 };
-
-// A call with its pairs in the order in which it takes them.
-template <typename... P, std::size_t N>
-int call(int (*function)(int, P...), int tid, const std::array<Arg, N>& args) {
-  static_assert(sizeof...(P) == 2 * N);
-  return [&]<std::size_t... I>(std::index_sequence<I...>) {
-    return std::apply(function, std::tuple_cat(std::make_tuple(tid),
-                                               std::make_tuple(args[I].text, args[I].len)...));
-  }
-  (std::make_index_sequence<N>{});
-}
 
 #define VARN_TEST_MEMBER(name, width) Arg name = {};
 struct ServiceArgs {

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <iconv.h>
-#include <signal.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/prctl.h>
@@ -12,12 +11,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <random>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
@@ -37,14 +36,9 @@ namespace {
   throw std::system_error(errno, std::generic_category(), what);
 }
 
+// Successes are not kept.
 int failed_checks() {
-  const testing::TestInfo* const info = testing::UnitTest::GetInstance()->current_test_info();
-  if (info == nullptr) return 0;
-  const testing::TestResult& result = *info->result();
-  int failed = 0;
-  for (int i = 0; i < result.total_part_count(); ++i)
-    failed += result.GetTestPartResult(i).failed() ? 1 : 0;
-  return failed;
+  return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
 }
 
 }  // namespace
@@ -119,66 +113,32 @@ ChildProcess::~ChildProcess() {
   waitpid(pid_, nullptr, 0);
 }
 
-void ChildProcess::kill(int signal) const { ::kill(pid_, signal); }
-
-bool ChildProcess::ended(Duration within) {
-  if (!reaped_)
-    reaped_ = wait_until([this] { return waitpid(pid_, &status_, WNOHANG) == pid_; }, within);
-  return reaped_;
-}
-
 testing::AssertionResult ChildProcess::wait(Duration within) {
-  if (!ended(within)) {
-    kill(SIGKILL);
-    return testing::AssertionFailure() << "child " << pid_ << " did not end in time";
-  }
-  if (WIFSIGNALED(status_))
-    return testing::AssertionFailure() << "child died of signal " << WTERMSIG(status_);
-  if (WEXITSTATUS(status_) != 0)
-    return testing::AssertionFailure() << "child exited with " << WEXITSTATUS(status_);
-  return testing::AssertionSuccess();
+  int status = 0;
+  reaped_ = wait_until([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, within);
+  if (!reaped_) return testing::AssertionFailure() << "child " << pid_ << " did not end in time";
+  if (status == 0) return testing::AssertionSuccess();
+  return testing::AssertionFailure() << "child ended with status 0x" << std::hex << status;
 }
 
-testing::AssertionResult ChildProcess::killed_by(int signal, Duration within) {
-  if (ended(within) && WIFSIGNALED(status_) && WTERMSIG(status_) == signal)
-    return testing::AssertionSuccess();
-  return testing::AssertionFailure() << "child not killed by signal " << signal;
-}
-
-IpcObject::IpcObject(IpcKind kind, key_t key, std::size_t size, int mode) : kind_(kind) {
-  const int flags = IPC_CREAT | IPC_EXCL | mode;
-  switch (kind) {
-    case IpcKind::kSegment:
-      id_ = shmget(key, size, flags | SHM_NORESERVE);
-      if (id_ < 0) fail("shmget");
-      base_ = shmat(id_, nullptr, 0);
-      break;
-    case IpcKind::kSemaphore:
-      id_ = semget(key, 1, flags);
-      if (id_ < 0) fail("semget");
-      semctl(id_, 0, SETVAL, 1);
-      break;
-    case IpcKind::kQueue:
-      id_ = msgget(key, flags);
-      if (id_ < 0) fail("msgget");
-      break;
-  }
+void IpcObject::make(std::size_t size) {
+  const int flags = IPC_CREAT | IPC_EXCL | mode_;
+  id_ = kind_ == IpcKind::kSegment     ? shmget(key_, size, flags | SHM_NORESERVE)
+        : kind_ == IpcKind::kSemaphore ? semget(key_, 1, flags)
+                                       : msgget(key_, flags);
+  if (id_ < 0) fail("no System V object");
+  if (kind_ == IpcKind::kSegment) base_ = shmat(id_, nullptr, 0);
+  if (kind_ == IpcKind::kSemaphore) semctl(id_, 0, SETVAL, 1);
 }
 
 void IpcObject::remove() {
   if (id_ < 0) return;
-  switch (kind_) {
-    case IpcKind::kSegment:
-      shmdt(base_);
-      shmctl(id_, IPC_RMID, nullptr);
-      break;
-    case IpcKind::kSemaphore:
-      semctl(id_, 0, IPC_RMID);
-      break;
-    case IpcKind::kQueue:
-      msgctl(id_, IPC_RMID, nullptr);
-      break;
+  if (kind_ == IpcKind::kSegment) {
+    shmdt(base_);
+    shmctl(id_, IPC_RMID, nullptr);
   }
+  if (kind_ == IpcKind::kSemaphore) semctl(id_, 0, IPC_RMID);
+  if (kind_ == IpcKind::kQueue) msgctl(id_, IPC_RMID, nullptr);
   id_ = -1;
 }
 
@@ -186,42 +146,28 @@ void IpcObject::allow_group(gid_t gid) const {
   shmid_ds segment;
   semid_ds set;
   msqid_ds queue;
-  switch (kind_) {
-    case IpcKind::kSegment:
-      shmctl(id_, IPC_STAT, &segment);
-      segment.shm_perm.gid = gid;
-      shmctl(id_, IPC_SET, &segment);
-      break;
-    case IpcKind::kSemaphore:
-      semctl(id_, 0, IPC_STAT, &set);
-      set.sem_perm.gid = gid;
-      semctl(id_, 0, IPC_SET, &set);
-      break;
-    case IpcKind::kQueue:
-      msgctl(id_, IPC_STAT, &queue);
-      queue.msg_perm.gid = gid;
-      msgctl(id_, IPC_SET, &queue);
-      break;
+  if (kind_ == IpcKind::kSegment && shmctl(id_, IPC_STAT, &segment) == 0) {
+    segment.shm_perm.gid = gid;
+    shmctl(id_, IPC_SET, &segment);
+  } else if (kind_ == IpcKind::kSemaphore && semctl(id_, 0, IPC_STAT, &set) == 0) {
+    set.sem_perm.gid = gid;
+    semctl(id_, 0, IPC_SET, &set);
+  } else if (msgctl(id_, IPC_STAT, &queue) == 0) {
+    queue.msg_perm.gid = gid;
+    msgctl(id_, IPC_SET, &queue);
   }
 }
 
 std::vector<LogLine> parse_log(std::string_view content) {
+  static const std::regex prefix(R"(^\((\d+)\) \d\d-\d\d \d\d:\d\d:\d\d  )");
   std::vector<LogLine> lines;
-  while (!content.empty()) {
-    const std::size_t end = content.find('\n');
-    const std::string line(content.substr(0, end));
-    content.remove_prefix(end == content.npos ? content.size() : end + 1);
-    int pid = 0;
-    int prefix = 0;
-    int month, day, hour, minute, second;
-    const bool whole = std::sscanf(line.c_str(), "(%d) %2d-%2d %2d:%2d:%2d%n", &pid, &month, &day,
-                                   &hour, &minute, &second, &prefix) == 6 &&
-                       line.compare(static_cast<std::size_t>(prefix), 2, "  ") == 0;
-    // A message that ends with a newline of its own leaves an empty line behind.
-    if (!whole && !line.empty()) ADD_FAILURE() << "not a log line: " << line;
-    if (!whole) continue;
-    const auto at = static_cast<std::size_t>(prefix);
-    lines.push_back({pid, line.substr(at - 14, 14), line.substr(at + 2)});
+  std::istringstream text{std::string(content)};
+  std::smatch match;
+  for (std::string line; std::getline(text, line);) {
+    if (std::regex_search(line, match, prefix))
+      lines.push_back({std::stoi(match[1]), match.suffix()});
+    else if (!line.empty())  // a message that ends with a newline of its own leaves one behind
+      ADD_FAILURE() << "not a log line: " << line;
   }
   return lines;
 }
@@ -245,22 +191,27 @@ std::string body_field(const Record& record, std::string_view name) {
 
 char type_of(const Record& record) { return record.view[0]; }
 
-FakeCollector::FakeCollector(CollectorOptions options) : mode_(options.mode) {
+FakeCollector::FakeCollector(CollectorOptions options) : queues_(options.queues) {
   static std::mt19937 random(std::random_device{}());
-  key_base_ = std::uniform_int_distribution<key_t>(0x1000, 0x7FFF0000)(random) & ~0xFF;
-  const auto make = [&](IpcKind kind, int key, std::size_t size = 0) {
-    return std::make_unique<IpcObject>(kind, key_base_ + key, size, mode_);
+  const key_t base = std::uniform_int_distribution<key_t>(0x1000, 0x7FFF0000)(random) & ~0xFF;
+  for (const ConfigKey& key : kConfigKeys) config_[key.key] = key.sample;
+  config_["LOG_HOME"] = "log";
+  config_["TONG_LOG_HOME"] = home();
+  config_["MAX_QUE_CNT"] = config_["QUE_CNT"] = std::to_string(queues_);
+  const auto make = [&](const ConfigKey& name, int queue, IpcKind kind, int key, std::size_t size) {
+    objects_.try_emplace({name.key, queue}, kind, base + key, size, options.mode);
+    if (queue == 0) config_[name.key] = std::to_string(base + key);
   };
-  que_info_ = make(IpcKind::kSegment, 0, sizeof(TRAN_LOGF_QUE_INFO));
-  svc_tbl_ = make(IpcKind::kSegment, 1, sizeof(SVC_HASH_TBL));
-  ptrc_tbl_ = make(IpcKind::kSegment, 2, sizeof(PTRC_HASH_TBL));
-  svc_sem_ = make(IpcKind::kSemaphore, 1);
-  ptrc_sem_ = make(IpcKind::kSemaphore, 2);
-  for (int n = 0; n < options.queues; ++n) queues_.push_back(make(IpcKind::kQueue, 0x10 + n));
+  make(kQueInfoShmKey, 0, IpcKind::kSegment, 0, sizeof(TRAN_LOGF_QUE_INFO));
+  make(kSvcHashTblShmKey, 0, IpcKind::kSegment, 1, sizeof(SVC_HASH_TBL));
+  make(kPtrcHashTblShmKey, 0, IpcKind::kSegment, 2, sizeof(PTRC_HASH_TBL));
+  make(kSvcHashTblSemKey, 0, IpcKind::kSemaphore, 1, 0);
+  make(kPtrcHashTblSemKey, 0, IpcKind::kSemaphore, 2, 0);
+  for (int n = 0; n < queues_; ++n) make(kTranLogfMsgqKey, n, IpcKind::kQueue, 0x10 + n, 0);
 
   TRAN_LOGF_QUE_INFO& info = que_info();
-  info.que_cnt = options.queues;
-  info.que_mask = static_cast<std::uint32_t>(options.queues) - 1;
+  info.que_cnt = queues_;
+  info.que_mask = static_cast<std::uint32_t>(queues_) - 1;
   info.log_flag_set = 0xFF;
   std::fill(std::begin(info.fst_err_rc_set), std::end(info.fst_err_rc_set), std::int8_t{1});
   info.call_trc_depth = 10;
@@ -276,19 +227,6 @@ FakeCollector::FakeCollector(CollectorOptions options) : mode_(options.mode) {
                  {"TRAN_AGT_CFG_FILE", home() / "agent.cfg"},
                  {"VARN_CONSOLE", "off"},
                  {"LANG", "C"}};
-  for (const ConfigKey& key : kConfigKeys) config_[key.key] = key.sample;
-  config_["LOG_HOME"] = "log";
-  config_["TONG_LOG_HOME"] = home();
-  config_["MAX_QUE_CNT"] = config_["QUE_CNT"] = std::to_string(options.queues);
-  const auto set_ipc_key = [&](const ConfigKey& key, int n) {
-    config_[key.key] = std::to_string(key_base_ + n);
-  };
-  set_ipc_key(kQueInfoShmKey, 0);
-  set_ipc_key(kSvcHashTblShmKey, 1);
-  set_ipc_key(kPtrcHashTblShmKey, 2);
-  set_ipc_key(kSvcHashTblSemKey, 1);
-  set_ipc_key(kPtrcHashTblSemKey, 2);
-  set_ipc_key(kTranLogfMsgqKey, 0x10);
   write_config();
 }
 
@@ -308,32 +246,29 @@ std::vector<PTRC_HASH_ENT*> FakeCollector::entries_of(std::int32_t pid) {
   return found;
 }
 
-int FakeCollector::take_svc_entry(std::uint32_t chain) {
-  SVC_HASH_TBL& table = svc_tbl();
-  const int n = svc_hash_pop(&table.free_stack);
-  if (n < 0) throw std::runtime_error("service table full");
-  int last = kNoEntry;
-  for (int at = table.heads[chain]; at != kNoEntry; at = table.entries[at].next) last = at;
-  SVC_HASH_ENT& entry = table.entries[n];
-  entry = {};
-  entry.index = n;
-  entry.bucket = chain;
-  entry.prev = last;
-  entry.next = kNoEntry;
-  std::memset(entry.svc_id, '~', sizeof entry.svc_id);
-  (last == kNoEntry ? table.heads[chain] : table.entries[last].next) = n;
-  svc_hash_push(&table.used_stack, static_cast<std::uint32_t>(n));
-  ++table.used;
-  return n;
-}
-
 SVC_HASH_ENT& FakeCollector::add_service(std::string_view svc_id, const ServiceSettings& settings,
                                          int behind) {
+  SVC_HASH_TBL& table = svc_tbl();
   char key[sizeof SVC_HASH_ENT::svc_id];
   put_padded(key, sizeof key, {svc_id.data(), static_cast<std::int32_t>(svc_id.size())});
   const std::uint32_t chain = get_hidx(key, sizeof key, kTableChains - 1);
-  for (int i = 0; i < behind; ++i) take_svc_entry(chain);
-  SVC_HASH_ENT& entry = svc_tbl().entries[take_svc_entry(chain)];
+  int last = kNoEntry;
+  for (int at = table.heads[chain]; at != kNoEntry; at = table.entries[at].next) last = at;
+  for (int left = behind; left >= 0; --left) {
+    const int n = svc_hash_pop(&table.free_stack);
+    SVC_HASH_ENT& entry = table.entries[n];
+    entry = {};
+    entry.index = n;
+    entry.bucket = chain;
+    entry.prev = last;
+    entry.next = kNoEntry;
+    std::memset(entry.svc_id, '~', sizeof entry.svc_id);
+    (last == kNoEntry ? table.heads[chain] : table.entries[last].next) = n;
+    svc_hash_push(&table.used_stack, static_cast<std::uint32_t>(n));
+    ++table.used;
+    last = n;
+  }
+  SVC_HASH_ENT& entry = table.entries[last];
   std::memcpy(entry.svc_id, key, sizeof key);
   entry.call_trc_depth = settings.call_trc_depth;
   entry.call_trc_limit = settings.call_trc_limit;
@@ -341,39 +276,6 @@ SVC_HASH_ENT& FakeCollector::add_service(std::string_view svc_id, const ServiceS
   entry.sql_trc_limit = settings.sql_trc_limit;
   entry.trace_flags = settings.trace_flags;
   return entry;
-}
-
-std::unique_ptr<IpcObject>& FakeCollector::object(const ConfigKey& key, int queue) {
-  const std::string_view name = key.key;
-  if (name == kQueInfoShmKey.key) return que_info_;
-  if (name == kSvcHashTblShmKey.key) return svc_tbl_;
-  if (name == kPtrcHashTblShmKey.key) return ptrc_tbl_;
-  if (name == kSvcHashTblSemKey.key) return svc_sem_;
-  if (name == kPtrcHashTblSemKey.key) return ptrc_sem_;
-  if (name == kTranLogfMsgqKey.key) return queues_.at(static_cast<std::size_t>(queue));
-  throw std::invalid_argument("not the key of an object");
-}
-
-void FakeCollector::remove_object(const ConfigKey& key, int queue) { object(key, queue)->remove(); }
-
-void FakeCollector::replace_queue(int queue) {
-  std::unique_ptr<IpcObject>& place = queues_.at(static_cast<std::size_t>(queue));
-  place->remove();
-  place = std::make_unique<IpcObject>(IpcKind::kQueue, key_base_ + 0x10 + queue, 0, mode_);
-}
-
-void FakeCollector::replace_segment(const ConfigKey& key, std::size_t size) {
-  std::unique_ptr<IpcObject>& place = object(key, 0);
-  place->remove();
-  place =
-      std::make_unique<IpcObject>(IpcKind::kSegment, std::stoi(config_.at(key.key)), size, mode_);
-}
-
-void FakeCollector::allow_group(gid_t gid) {
-  for (IpcObject* object :
-       {que_info_.get(), svc_tbl_.get(), ptrc_tbl_.get(), svc_sem_.get(), ptrc_sem_.get()})
-    object->allow_group(gid);
-  for (const auto& queue : queues_) queue->allow_group(gid);
 }
 
 void FakeCollector::set_key(const ConfigKey& key, std::string value) {
@@ -430,9 +332,10 @@ int FakeCollector::count_logged(std::string_view part) const {
 
 std::vector<Record> FakeCollector::read_queue(int n) {
   std::vector<Record> records;
-  for (long left = get_msgq_num(queue_id(n)); left > 0; --left) {  // senders may go on meanwhile
+  const int queue = object(kTranLogfMsgqKey, n).id();
+  for (long left = get_msgq_num(queue); left > 0; --left) {  // senders may go on meanwhile
     Record record;
-    const ssize_t size = msgrcv(queue_id(n), &record, kRecordTextSize, 0, IPC_NOWAIT);
+    const ssize_t size = msgrcv(queue, &record, kRecordTextSize, 0, IPC_NOWAIT);
     if (size < 0) break;
     EXPECT_EQ(size, static_cast<ssize_t>(kRecordTextSize)) << "a message of another size";
     records.push_back(record);
@@ -442,7 +345,7 @@ std::vector<Record> FakeCollector::read_queue(int n) {
 
 std::vector<Record> FakeCollector::read_all() {
   std::vector<Record> all;
-  for (int n = 0; n < static_cast<int>(queues_.size()); ++n)
+  for (int n = 0; n < queues_; ++n)
     for (const Record& record : read_queue(n)) all.push_back(record);
   return all;
 }

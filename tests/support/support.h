@@ -14,6 +14,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -90,38 +91,46 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  // Success: it exited by itself and none of its checks failed. Kills it after the time.
+  // Success: it exited by itself and none of its checks failed. Once a child.
   testing::AssertionResult wait(Duration within = kDeadline);
-  // As wait(), but it must have died of the signal.
-  testing::AssertionResult killed_by(int signal, Duration within = kDeadline);
-  void kill(int signal) const;
+  void kill(int signal) const { ::kill(pid_, signal); }
   pid_t pid() const { return pid_; }
 
  private:
-  bool ended(Duration within);
-
   pid_t pid_;
   bool reaped_ = false;
-  int status_ = 0;
 };
 
 // System V objects that vanish with their owner.
 enum class IpcKind { kSegment, kSemaphore, kQueue };
 class IpcObject {
  public:
-  IpcObject(IpcKind kind, key_t key, std::size_t size, int mode);  // size of a segment
+  // The size is a segment's.
+  IpcObject(IpcKind kind, key_t key, std::size_t size, int mode)
+      : kind_(kind), key_(key), mode_(mode) {
+    make(size);
+  }
   ~IpcObject() { remove(); }
   IpcObject(const IpcObject&) = delete;
   IpcObject& operator=(const IpcObject&) = delete;
 
   void remove();
+  void replace(std::size_t size = 0) {
+    remove();
+    make(size);
+  }
   void allow_group(gid_t gid) const;  // makes the group its group
   int id() const { return id_; }
+  key_t key() const { return key_; }
   void* base() const { return base_; }  // of a segment
 
  private:
+  void make(std::size_t size);
+
   IpcKind kind_;
-  int id_;
+  key_t key_;
+  int mode_;
+  int id_ = -1;
   void* base_ = nullptr;
 };
 
@@ -140,7 +149,6 @@ struct ServiceSettings {
 
 struct LogLine {
   int pid;
-  std::string stamp;  // MM-DD HH:MM:SS
   std::string text;
 };
 
@@ -161,12 +169,17 @@ class FakeCollector {
 
   // Everything the traced processes share. The defaults: four queues, all record kinds on, all
   // error codes of class 1, depth 10, limits 0, no filtering, ready.
-  TRAN_LOGF_QUE_INFO& que_info() { return *static_cast<TRAN_LOGF_QUE_INFO*>(que_info_->base()); }
-  SVC_HASH_TBL& svc_tbl() { return *static_cast<SVC_HASH_TBL*>(svc_tbl_->base()); }
-  PTRC_HASH_TBL& ptrc_tbl() { return *static_cast<PTRC_HASH_TBL*>(ptrc_tbl_->base()); }
-  int ptrc_semid() const { return ptrc_sem_->id(); }
-  int queue_id(int n) const { return queues_.at(static_cast<std::size_t>(n))->id(); }
-  key_t key_base() const { return key_base_; }
+  TRAN_LOGF_QUE_INFO& que_info() { return segment<TRAN_LOGF_QUE_INFO>(kQueInfoShmKey); }
+  SVC_HASH_TBL& svc_tbl() { return segment<SVC_HASH_TBL>(kSvcHashTblShmKey); }
+  PTRC_HASH_TBL& ptrc_tbl() { return segment<PTRC_HASH_TBL>(kPtrcHashTblShmKey); }
+  int ptrc_semid() const { return objects_.at({kPtrcHashTblSemKey.key, 0}).id(); }
+  // By its key in the configuration; of the queues, `queue` is taken.
+  IpcObject& object(const ConfigKey& key, int queue = 0) { return objects_.at({key.key, queue}); }
+  void remove_object(const ConfigKey& key, int queue = 0) { object(key, queue).remove(); }
+  void replace_segment(const ConfigKey& key, std::size_t size) { object(key).replace(size); }
+  void allow_group(gid_t gid) const {
+    for (const auto& [name, object] : objects_) object.allow_group(gid);
+  }
 
   // The entry of a thread of a process; null when there is none in use.
   PTRC_HASH_ENT* entry_of(std::int32_t pid, std::uint64_t tid);
@@ -175,13 +188,6 @@ class FakeCollector {
   // Lists a service, behind so many others in its chain.
   SVC_HASH_ENT& add_service(std::string_view svc_id, const ServiceSettings& settings = {},
                             int behind = 0);
-
-  // Removes one object, or puts a segment of another size under its key. The names are those of the
-  // configuration keys; of the queues, `queue` is taken.
-  void remove_object(const ConfigKey& key, int queue = 0);
-  void replace_queue(int queue);
-  void replace_segment(const ConfigKey& key, std::size_t size);
-  void allow_group(gid_t gid);
 
   // The configuration file, rewritten at once.
   void set_key(const ConfigKey& key, std::string value);
@@ -205,15 +211,15 @@ class FakeCollector {
   std::vector<Record> read_all(char rec_type);
 
  private:
-  std::unique_ptr<IpcObject>& object(const ConfigKey& key, int queue);
+  template <typename T>
+  T& segment(const ConfigKey& key) {
+    return *static_cast<T*>(object(key).base());
+  }
   void write_config() const;
-  int take_svc_entry(std::uint32_t chain);
 
   TempDir dir_;
-  int mode_;
-  key_t key_base_;
-  std::unique_ptr<IpcObject> que_info_, svc_tbl_, ptrc_tbl_, svc_sem_, ptrc_sem_;
-  std::vector<std::unique_ptr<IpcObject>> queues_;
+  int queues_;
+  std::map<std::pair<std::string_view, int>, IpcObject> objects_;
   std::map<std::string, std::string> config_;  // value by key; absent: no line
 };
 
