@@ -57,19 +57,23 @@ TEST_F(Contexts, ANegativeNumberIsTheCallingThread) {
   }
 }
 
-TEST_F(Contexts, TheEleventhThreadOfABucketIsRefusedWithoutHoldingOthersUp) {
+TEST_F(Contexts, TheEleventhThreadOfABucketIsRefusedAtOnceAndTheProcesssOwnContextStays) {
   EXPECT_TRUE(collector_.run([&] {
-    ASSERT_EQ(TRAN_INIT(), 0);
-    for (int n = 0; n < 10; ++n) EXPECT_TRUE(is_sent(event(neighbour(n)))) << n;
-    EXPECT_EQ(event(neighbour(10)), 107);
+    in_thread([] {
+      ASSERT_EQ(TRAN_INIT(), 0);
+      EXPECT_TRUE(is_sent(start(0)));
+    });
+    for (int n = 1; n < 10; ++n) EXPECT_TRUE(is_sent(event(n * 0x10000))) << n;
     EXPECT_TRUE(is_sent(event(8))) << "another bucket";
-    EXPECT_TRUE(is_sent(event(neighbour(9)))) << "those that have a context keep it";
     sembuf take = {0, -1, SEM_UNDO};
     ASSERT_EQ(semop(collector_.ptrc_semid(), &take, 1), 0);
     const auto begun = std::chrono::steady_clock::now();
-    for (int i = 0; i < 100; ++i) EXPECT_EQ(event(neighbour(10)), 107);
+    for (int n = 10; n < 110; ++n) EXPECT_EQ(event(n * 0x10000), 107);
     EXPECT_LT(std::chrono::steady_clock::now() - begun, 1s) << "it waited for the semaphore";
+    EXPECT_TRUE(is_sent(event(9 * 0x10000))) << "those that have a context keep it";
+    EXPECT_TRUE(is_sent(info(0, nullptr))) << "its service is still open, its thread has ended";
   }));
+  EXPECT_FALSE(collector_.logged("resource clear"));
 }
 
 TEST_F(Contexts, PosixThreadsShareABucketUnlessKernelIdsAreUsed) {
@@ -121,19 +125,6 @@ TEST_F(Contexts, TheContextOfAThreadThatEndedOrIsToReleaseItIsTakenBack) {
   EXPECT_TRUE(
       collector_.logged(prefix + "8-0, tid 8 (thread alive, ptrc 2) resource clear.(1->0)"));
   EXPECT_EQ(collector_.count_logged("resource clear"), 11);
-}
-
-TEST_F(Contexts, TheProcesssOwnContextIsNeverTakenBack) {
-  EXPECT_TRUE(collector_.run([&] {
-    in_thread([] {
-      ASSERT_EQ(TRAN_INIT(), 0);
-      EXPECT_TRUE(is_sent(start(0)));
-    });
-    for (int n = 1; n < 10; ++n) EXPECT_TRUE(is_sent(event(n * 0x10000))) << n;
-    EXPECT_EQ(event(10 * 0x10000), 107);
-    EXPECT_TRUE(is_sent(info(0, nullptr))) << "its service is still open";
-  }));
-  EXPECT_FALSE(collector_.logged("resource clear"));
 }
 
 TEST_F(Contexts, AnIdOfTheCallersKeepsItsStateFromThreadToThread) {

@@ -125,16 +125,18 @@ TEST_F(Profiling, NamesComeAndGoWhileThreadsAreInsideHooks) {
   EXPECT_TRUE(collector.run([&] {
     ASSERT_EQ(TRAN_INIT(), 0);
     constexpr std::uint64_t kFunctions = 40;  // more than the table's first buckets
+    std::atomic<int> busy{0};
     std::atomic<bool> done{false};
     std::vector<std::thread> threads;
     for (int n = 0; n < 3; ++n)
       threads.emplace_back([&] {
         EXPECT_TRUE(is_documented(start(-1)));
-        while (!done) {
+        for (++busy; !done;) {
           for (std::uint64_t i = 1; i <= kFunctions; ++i) enter(i);
           for (std::uint64_t i = kFunctions; i >= 1; --i) leave(i);
         }
       });
+    EXPECT_TRUE(wait_until([&] { return busy == 3; }));
     for (int round = 0; round < 5; ++round) {
       for (std::uint64_t i = 1; i <= kFunctions; ++i)
         TRAN_ADD_PROFILE(i, ("function number " + std::to_string(i)).c_str());
