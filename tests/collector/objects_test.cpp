@@ -24,37 +24,19 @@ namespace {
 using test::IpcKind;
 using test::IpcObject;
 
-// Lines that /proc lists of one kind of object, which this namespace shares with nobody.
-std::vector<std::string> listed(const char* kind) {
-  std::istringstream text(test::read_file(std::string("/proc/sysvipc/") + kind));
+// Lines that /proc has of all objects of this namespace, which is shared with nobody.
+std::vector<std::string> listed() {
   std::vector<std::string> lines;
-  std::string line;
-  for (std::getline(text, line); std::getline(text, line);) lines.push_back(line);
-  return lines;
-}
-std::size_t all_listed() {
-  return listed("shm").size() + listed("sem").size() + listed("msg").size();
-}
-
-// Bytes of the segments that are in memory.
-std::size_t resident() {
-  constexpr int kRss = 14;
-  std::size_t sum = 0;
-  for (const std::string& line : listed("shm")) {
-    std::istringstream words(line);
-    std::string word;
-    for (int i = 0; i <= kRss; ++i) words >> word;
-    sum += std::stoul(word);
+  for (const char* kind : {"shm", "sem", "msg"}) {
+    std::istringstream text(test::read_file(std::string("/proc/sysvipc/") + kind));
+    std::string line;
+    for (std::getline(text, line); std::getline(text, line);) lines.push_back(line);
   }
-  return sum;
+  return lines;
 }
 
 class Objects : public testing::Test {
  protected:
-  bool read(const ConfigValues& values) {
-    test::write_file(path_, config_text(values));
-    return read_settings(path_, settings_, error_);
-  }
   bool create() {
     detach_objects(objects_);
     return create_objects(settings_, objects_, error_);
@@ -64,15 +46,16 @@ class Objects : public testing::Test {
     return remove_objects(settings_, removed_, error_);
   }
   void SetUp() override {
-    ASSERT_EQ(all_listed(), 0u) << "the sample's keys are used: run it in a namespace of its own";
-    ASSERT_TRUE(read({{kFstErrRcSet.key, "128,0 -7,2"},
-                      {kTranLogFlagSet.key, "SQ"},
-                      {kCallTrcLimit.key, "9223372036854775807"}}))
-        << error_;
+    ASSERT_EQ(listed().size(), 0u)
+        << "the sample's keys are used: run it in a namespace of its own";
+    test::write_file(path_, config_text({{kFstErrRcSet.key, "128,0 -7,2"},
+                                         {kTranLogFlagSet.key, "SQ"},
+                                         {kCallTrcLimit.key, "9223372036854775807"}}));
+    ASSERT_TRUE(read_settings(path_, settings_, error_)) << error_;
   }
   void TearDown() override {
     EXPECT_TRUE(remove()) << error_;
-    EXPECT_EQ(all_listed(), 0u);
+    EXPECT_EQ(listed().size(), 0u);
   }
   void expect_told(const std::string& part) const {
     EXPECT_NE(error_.find(part), std::string::npos) << part << " not in: " << error_;
@@ -104,34 +87,33 @@ TEST_F(Objects, NeedAFileThatSaysAllOfThemAndNothingElse) {
       {kTranLogfMsgqKey, "2147483633", "not within 1 to"},  // queue 15 would have no key
       {kSvcHashTblShmKey, kQueInfoShmKey.sample, "the same key as TRAN_LOGF_QUE_INFO_SHMKEY"},
   };
-  const auto place = [&](const ConfigKey& key) {
-    return "[" + std::string(key.section) + "] " + key.key + " ";
+  const auto expect_refusal = [&](const std::string& text, const ConfigKey& key,
+                                  const std::string& what) {
+    test::write_file(path_, text);
+    CollectorSettings settings;
+    EXPECT_FALSE(read_settings(path_, settings, error_)) << text;
+    expect_told(path_ + ": [" + key.section + "] " + key.key + " ");
+    expect_told(what);
   };
-  CollectorSettings good = settings_;
-  for (const auto& c : cases) {
-    EXPECT_FALSE(read({{c.key.key, c.value}})) << c.key.key << " = " << c.value;
-    for (const std::string& part : {path_, place(c.key), std::string(c.what)}) expect_told(part);
-  }
+  for (const auto& c : cases) expect_refusal(config_text({{c.key.key, c.value}}), c.key, c.what);
   for (const ConfigKey& key : kConfigKeys) {
     std::string text = config_text({});
     text.insert(text.find("\n" + std::string(key.key) + " ") + 1, "#");
-    test::write_file(path_, text);
-    ConfigValues values;
-    EXPECT_FALSE(read_config_values(path_, values, error_));
-    expect_told(path_ + ": " + place(key) + "is missing");
+    expect_refusal(text, key, "is missing");
   }
   EXPECT_FALSE(read_settings(path_ + ".absent", settings_, error_));
   expect_told(".absent: No such file");
-  settings_ = good;
 }
 
-TEST_F(Objects, AreFilledOnceAndAdoptedWithCountersAndEntries) {
+TEST_F(Objects, AreFilledOnceAndAdoptedWithCountersAndEntriesAndWiderQueues) {
   EXPECT_FALSE(open_objects(settings_, objects_, error_));
   expect_told("there is no such object");
   ASSERT_TRUE(create()) << error_;
   EXPECT_EQ(objects_.created, 9);
-  EXPECT_EQ(all_listed(), 9u);
-  EXPECT_LT(resident(), 4u << 20) << "of 603 MB";
+  EXPECT_EQ(listed().size(), 9u);
+  shm_info segments;
+  ASSERT_GE(shmctl(0, SHM_INFO, reinterpret_cast<shmid_ds*>(&segments)), 0);
+  EXPECT_LT(segments.shm_rss, 1024u) << "pages, of 603 MB";
   EXPECT_EQ(objects_.que_info->magic_code, kMagicReady);
   EXPECT_EQ(objects_.que_info->que_mask, 3u);
   EXPECT_EQ(objects_.que_info->log_flag_set, 0x81);
@@ -140,10 +122,17 @@ TEST_F(Objects, AreFilledOnceAndAdoptedWithCountersAndEntries) {
   EXPECT_EQ(objects_.que_info->call_trc_limit, 9'223'372'036'854'775'807u);
   EXPECT_EQ(objects_.ptrc_hash_tbl->free_stack.count, 10'000u);
   EXPECT_EQ(semctl(objects_.ptrc_hash_semid, 0, GETVAL), 1);
-  for (const char* kind : {"shm", "sem", "msg"})
-    for (const std::string& line : listed(kind)) EXPECT_NE(line.find(" 666 "), line.npos) << line;
+  for (const std::string& line : listed()) EXPECT_NE(line.find(" 666 "), line.npos) << line;
 
   const SharedObjects before = objects_;
+  const int msqid = objects_.msgq_ids[2];
+  const long wide = queue_records(msqid);
+  msqid_ds about = {};
+  ASSERT_EQ(msgctl(msqid, IPC_STAT, &about), 0);
+  about.msg_qbytes = 7840;
+  ASSERT_EQ(msgctl(msqid, IPC_SET, &about), 0);
+  EXPECT_NE(queue_notes(objects_).at(0).find("only 10 records"), std::string::npos);
+  EXPECT_NE(queue_notes(objects_).at(1).find("sysctl -w kernel.msgmnb="), std::string::npos);
   objects_.que_info->que_fail_cnt[2] = 7;
   objects_.svc_hash_tbl->used = 1;
   --objects_.svc_hash_tbl->free_stack.count;
@@ -155,6 +144,7 @@ TEST_F(Objects, AreFilledOnceAndAdoptedWithCountersAndEntries) {
   EXPECT_EQ(objects_.que_info->que_fail_cnt[2], 7u);
   EXPECT_EQ(objects_.que_info->que_mask, 1u);
   EXPECT_EQ(objects_.svc_hash_tbl->free_stack.count, 9'999u);
+  EXPECT_EQ(queue_records(msqid), std::min(wide, 4096L)) << "it was not widened";
 
   // As a creator leaves them that is killed between making and filling; one queue too few.
   ASSERT_EQ(msgctl(objects_.msgq_ids[1], IPC_RMID, nullptr), 0);
@@ -168,28 +158,24 @@ TEST_F(Objects, AreFilledOnceAndAdoptedWithCountersAndEntries) {
 }
 
 TEST_F(Objects, OfSomebodyElseAreRefusedAndLeftAlone) {
-  const struct {
-    const ConfigKey& key;
-    std::int64_t CollectorSettings::*number;
-  } cases[] = {{kQueInfoShmKey, &CollectorSettings::que_info_shmkey},
-               {kSvcHashTblShmKey, &CollectorSettings::svc_hash_tbl_shmkey},
-               {kPtrcHashTblShmKey, &CollectorSettings::ptrc_hash_tbl_shmkey}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.key.key);
-    const auto key = static_cast<key_t>(settings_.*c.number);
-    IpcObject foreign(IpcKind::kSegment, key, 4096, 0666);
+  for (const auto& [name, number] :
+       {std::pair(kQueInfoShmKey.key, settings_.que_info_shmkey),
+        std::pair(kSvcHashTblShmKey.key, settings_.svc_hash_tbl_shmkey),
+        std::pair(kPtrcHashTblShmKey.key, settings_.ptrc_hash_tbl_shmkey)}) {
+    SCOPED_TRACE(name);
+    IpcObject foreign(IpcKind::kSegment, static_cast<key_t>(number), 4096, 0666);
     std::memset(foreign.base(), 'z', 4096);
     for (const bool done : {create(), remove()}) {
       EXPECT_FALSE(done);
-      expect_told(c.key.key + (" " + std::to_string(key)) + ": a segment of 4096 bytes");
-      EXPECT_EQ(all_listed(), 1u) << "something was left behind";
+      expect_told(name + (" " + std::to_string(number)) + ": a segment of 4096 bytes");
+      EXPECT_EQ(listed().size(), 1u) << "something was left behind";
     }
     EXPECT_EQ(static_cast<char*>(foreign.base())[0], 'z');
   }
   const int semid = semget(static_cast<key_t>(settings_.ptrc_hash_tbl_semkey), 3, IPC_CREAT | 0666);
   EXPECT_FALSE(create());
   expect_told("PTRC_HASH_TBL_SEMKEY");
-  EXPECT_EQ(all_listed(), 1u) << "something was left behind";
+  EXPECT_EQ(listed().size(), 1u) << "something was left behind";
   EXPECT_EQ(semctl(semid, 0, IPC_RMID), 0);
 }
 
@@ -206,28 +192,14 @@ TEST_F(Objects, AreReadyLastAndGoneWhenCreationFailsLate) {
   };
   for (const bool released : {false, true}) {
     auto creating = std::async(std::launch::async, [this] { return create(); });
-    EXPECT_TRUE(test::wait_until([] { return all_listed() == 9; }));
+    EXPECT_TRUE(test::wait_until([] { return listed().size() == 9; }));
     EXPECT_FALSE(ready());
     if (released) sem_unlock(held.id(), 0, 0);
     EXPECT_EQ(creating.get(), released) << error_;
-    EXPECT_EQ(all_listed(), released ? 9u : 1u);
+    EXPECT_EQ(listed().size(), released ? 9u : 1u);
     if (!released) expect_told("process " + std::to_string(getpid()) + " was the last to use it");
   }
   EXPECT_TRUE(ready());
-}
-
-TEST_F(Objects, TellOfASmallQueueAndWidenIt) {
-  ASSERT_TRUE(create()) << error_;
-  const int msqid = objects_.msgq_ids[2];
-  const long wide = queue_records(msqid);
-  msqid_ds about = {};
-  ASSERT_EQ(msgctl(msqid, IPC_STAT, &about), 0);
-  about.msg_qbytes = 7840;
-  ASSERT_EQ(msgctl(msqid, IPC_SET, &about), 0);
-  EXPECT_NE(queue_notes(objects_).at(0).find("only 10 records"), std::string::npos);
-  EXPECT_NE(queue_notes(objects_).at(1).find("sysctl -w kernel.msgmnb="), std::string::npos);
-  ASSERT_TRUE(create()) << error_;
-  EXPECT_EQ(queue_records(msqid), std::min(wide, 4096L));
 }
 
 TEST_F(Objects, GoWithTheRecordsTheyHeldAndOthersStay) {
@@ -235,7 +207,7 @@ TEST_F(Objects, GoWithTheRecordsTheyHeldAndOthersStay) {
   CollectorSettings other = settings_;
   SharedObjects own;
   ASSERT_TRUE(create_private_objects(other, own, error_)) << error_;
-  EXPECT_EQ(all_listed(), 18u);
+  EXPECT_EQ(listed().size(), 18u);
   TRAN_LOGF_QUE_DATA record = {};
   record.mtype = kRecordMsgType;
   for (const std::size_t queue : {0, 0, 3})

@@ -135,7 +135,8 @@ class Tool(unittest.TestCase):
                              ("db_select_greeting", 2, 0, 1))
             self.assertEqual((call["call"]["function"], call["call"]["database_us"]),
                              ("greet", dbio["call"]["total_us"]))
-            self.assertIn("[ 총 호출 2 건 ]", statistics["message"])
+            self.assertRegex(statistics["message"], r"총 호출 2 건 .* BIZCALL\(Method\) 1건 "
+                                                    r"\(전체 Avg/Max +[1-9]\d*\.\d\d/")
             self.assertGreaterEqual(end["elapsed_us"], 2000)
             self.assertEqual(counts["records"], [8])
             self.assertEqual(counts["queue 2"], [7, 7, 7])
