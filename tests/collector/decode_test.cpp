@@ -5,10 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <sstream>
+#include <regex>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "collector/stats.h"
@@ -20,124 +19,91 @@ namespace {
 using namespace std::string_literals;
 using test::euc_kr;
 
-// What stands in a record behind its type, and the names of it all.
-constexpr std::string_view kHead =
-    " AB 7 20260801093000000HQ0001A0000001X bank-0123456789 TRANSFER00000001 host-0123456789"
-    " 00004711 000000000004712 00052 00042 20260801 093000123456 ";
-constexpr std::string_view kHeadNames =
-    "rec_type hdr_cd hdr_flag gid proc_nm svc_id host_name pid tid mtr_tid_idx pidx date time";
-constexpr std::string_view kService =
-    "0000001234 0000000567 01 E 110001 WEB RECEIVER0001 SCREEN001 EMP0001 1 TGERR0001 00000400 "
-    "2001:0db8:0000:0000:0000:0000:0000:0001 FST TRS R S RSLTRECV0001 EAI-INTERFACE-01 DSB INST "
-    "BIZ MEDIUM-0123456789-0123456789-0123456789 X Y ";
-constexpr std::string_view kServiceNames =
-    "elapsed_us dbio_elapsed_us depth ext_flag trsc_grco_br chnl_typ_cd recv_svc_cd scrn_id emp_no "
-    "proc_rslt_dv_cd std_tmsg_err_cd std_tmsg_len ipv6_adr fst_trms_sys_cd trms_sys_cd "
-    "rqst_rsps_dv_cd trsc_sync_dv_cd rslt_recv_svc_cd eai_intf_id dsbl_sys_cd otsd_inst_cd "
-    "otsd_biz_cd fst_trms_mdcl_ctt spare1 spare2";
+// What stands in a record behind its type, as shown() shows it.
+const std::string kHead =
+    " hdr_cd=AB hdr_flag=7 gid=20260801093000000HQ0001A0000001X proc_nm=bank-0123456789 "
+    "svc_id=TRANSFER00000001 host_name=host-0123456789 pid=00004711 tid=000000000004712 "
+    "mtr_tid_idx=00052 pidx=00042 date=20260801 time=093000123456 ";
+const std::string kServiceCommon =
+    "elapsed_us=0000001234 dbio_elapsed_us=0000000567 depth=01 ext_flag=E trsc_grco_br=110001 "
+    "chnl_typ_cd=WEB recv_svc_cd=RECEIVER0001 scrn_id=SCREEN001 emp_no=EMP0001 proc_rslt_dv_cd=1 "
+    "std_tmsg_err_cd=TGERR0001 ";
+const std::string kService =
+    kServiceCommon +
+    "std_tmsg_len=00000400 ipv6_adr=2001:0db8:0000:0000:0000:0000:0000:0001 fst_trms_sys_cd=FST "
+    "trms_sys_cd=TRS rqst_rsps_dv_cd=R trsc_sync_dv_cd=S rslt_recv_svc_cd=RSLTRECV0001 "
+    "eai_intf_id=EAI-INTERFACE-01 dsbl_sys_cd=DSB otsd_inst_cd=INST otsd_biz_cd=BIZ "
+    "fst_trms_mdcl_ctt=MEDIUM-0123456789-0123456789-0123456789 spare1=X spare2=Y ";
+const std::string kNotice = "code=C001 recv_svc_cd=RECV00000001 chnl_class=CHNL ";
 
-TRAN_LOGF_QUE_DATA message(char rec_type, std::string_view body, std::uint32_t length) {
+// The bytes of fields that are shown so.
+std::string bytes_of(const std::string& shown) {
+  return std::regex_replace(shown, std::regex("[a-z0-9_]+="), "");
+}
+
+TRAN_LOGF_QUE_DATA message(char rec_type, const std::string& body, std::uint32_t length) {
   TRAN_LOGF_QUE_DATA data;
   std::memset(&data, ' ', sizeof data);
   data.length = length;
-  data.view[0] = rec_type;
-  std::memcpy(data.view + 1, kHead.data(), kHead.size());
-  std::memcpy(data.view + 1 + kHead.size(), body.data(), body.size());
+  const std::string bytes = rec_type + bytes_of(kHead) + body;
+  std::memcpy(data.view, bytes.data(), bytes.size());
   return data;
 }
 
-using Fields = std::vector<std::pair<std::string, std::string>>;
-
-Fields fields_of(const DecodedRecord& record) {
-  Fields fields;
+std::string shown(const TRAN_LOGF_QUE_DATA& data, std::size_t size = kRecordTextSize) {
+  DecodedRecord record;
+  decode(data, size, record);
+  EXPECT_EQ(record.length, data.length);
+  EXPECT_EQ(record.malformed, size != kRecordTextSize);
+  std::string text = record.kind == nullptr ? "" : std::string(record.kind->name) + ": ";
   for (const FieldText& field : record.fields)
-    fields.emplace_back(field.name, utf8_from_uhc(field.bytes));
-  return fields;
-}
-
-// Names and values that hold no blank, one by one, then others.
-Fields paired(std::string_view names, const std::string& values, const Fields& others = {}) {
-  Fields fields;
-  std::istringstream name_words{std::string(names)};
-  std::istringstream value_words(values);
-  for (std::string name, value; name_words >> name && value_words >> value;)
-    fields.emplace_back(name, value);
-  fields.insert(fields.end(), others.begin(), others.end());
-  return fields;
-}
-Fields with_header(char rec_type, const Fields& body) {
-  return paired(kHeadNames, rec_type + std::string(kHead), body);
+    text += std::string(field.name) + "=" + utf8_from_uhc(field.bytes) + " ";
+  return text;
 }
 
 TEST(Decoding, NamesEveryFieldOfEveryKind) {
   const std::string korean = "이체 완료: 김민준";
-  // As wide as the field: its last byte ends a character.
-  std::string wide;
+  std::string wide;  // as wide as the field: its last byte ends a character
   for (int i = 0; i < 256; ++i) wide += "가";
-  const std::string notice = "C001 RECV00000001 CHNL ";
-  const auto with_message = [&](const std::string& text) {
-    return paired("code recv_svc_cd chnl_class", notice, {{"message", text}});
-  };
-  const Fields service_fields = paired(kServiceNames, std::string(kService));
   const struct {
     char rec_type;
-    std::string_view name;
+    std::string name;
     std::uint32_t length;
-    std::string body;
-    Fields fields;
+    std::string body, fields;
   } cases[] = {
-      {'1', "start", 377, std::string(kService), service_fields},
-      {'2', "end", 377, std::string(kService), service_fields},
-      {'9', "error", 377, std::string(kService), service_fields},
-      {'B', "dbio", 499, euc_kr(korean), {{"text", korean}}},
-      {'C', "call", 499, "  leading blanks stay", {{"text", "  leading blanks stay"}}},
-      {'E', "errinfo", 522, notice + euc_kr(korean), with_message(korean)},
-      {'I', "info", 499, euc_kr(korean), {{"message", korean}}},
-      {'Q', "sql", 499, "select '\x8C\x63\x94\xEE'", {{"text", "select '똠뷁'"}}},
-      {'V', "event", 684, notice + euc_kr(wide), with_message(wide)},
-      {'X', "info_ex", 504, "C001 " + euc_kr(korean), {{"code", "C001"}, {"message", korean}}},
+      {'1', "start", 377, bytes_of(kService), kService},
+      {'2', "end", 377, bytes_of(kService), kService},
+      {'9', "error", 377, bytes_of(kService), kService},
+      {'B', "dbio", 499, euc_kr(korean), "text=" + korean + " "},
+      {'C', "call", 499, "  leading blanks stay", "text=  leading blanks stay "},
+      {'E', "errinfo", 522, bytes_of(kNotice) + euc_kr(korean),
+       kNotice + "message=" + korean + " "},
+      {'I', "info", 499, euc_kr(korean), "message=" + korean + " "},
+      {'Q', "sql", 499, "select '\x8C\x63\x94\xEE'", "text=select '똠뷁' "},
+      {'V', "event", 684, bytes_of(kNotice) + euc_kr(wide), kNotice + "message=" + wide + " "},
+      {'X', "info_ex", 504, "C001 " + euc_kr(korean), "code=C001 message=" + korean + " "},
   };
   static_assert(std::size(cases) == kRecordKinds.size());
-  DecodedRecord record;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    const TRAN_LOGF_QUE_DATA data = message(c.rec_type, c.body, c.length);
-    decode(data, kRecordTextSize, record);
-    ASSERT_NE(record.kind, nullptr);
-    EXPECT_EQ(record.kind->name, c.name);
-    EXPECT_EQ(record.length, c.length);
-    EXPECT_FALSE(record.malformed);
-    EXPECT_EQ(fields_of(record), with_header(c.rec_type, c.fields));
-  }
+  for (const auto& c : cases)
+    EXPECT_EQ(shown(message(c.rec_type, c.body, c.length)),
+              c.name + ": rec_type=" + c.rec_type + kHead + c.fields);
 }
 
 TEST(Decoding, ShowsWhatNoTableCovers) {
-  DecodedRecord record;
-  const TRAN_LOGF_QUE_DATA unknown = message('?', "whatever it is", 0xFFFF'FFFF);
-  decode(unknown, kRecordTextSize, record);
-  EXPECT_EQ(record.kind, nullptr);
-  EXPECT_EQ(record.length, 0xFFFF'FFFF);
-  EXPECT_EQ(fields_of(record), with_header('?', {{"text", "whatever it is"}}));
+  EXPECT_EQ(shown(message('?', "whatever it is", 0xFFFF'FFFF)),
+            "rec_type=?" + kHead + "text=whatever it is ");
 
-  const std::size_t tail_at = kService.find("00000400");
-  const std::string tail(kService.substr(tail_at, kService.size() - 1 - tail_at));
-  const Fields common =
-      paired(kServiceNames, std::string(kService.substr(0, tail_at)), {{"tail", tail}});
-  for (const std::uint32_t length : {0u, 376u, 0xFFFF'FFFFu}) {
-    const TRAN_LOGF_QUE_DATA other = message('2', kService, length);
-    decode(other, kRecordTextSize, record);
-    EXPECT_EQ(fields_of(record), with_header('2', common)) << length;
-    EXPECT_EQ(record.length, length);
-  }
+  const std::string tail = "tail=" + bytes_of(kService.substr(kServiceCommon.size()));
+  for (const std::uint32_t length : {0u, 376u, 0xFFFF'FFFFu})
+    EXPECT_EQ(shown(message('2', bytes_of(kService), length)),
+              "end: rec_type=2" + kHead + kServiceCommon + tail);
 
-  const TRAN_LOGF_QUE_DATA short_one = message('1', kService, 377);
-  const std::string all(short_one.view, sizeof short_one.view);
+  const TRAN_LOGF_QUE_DATA whole = message('1', bytes_of(kService), 377);
   for (const std::size_t size : {0u, 3u, 4u, 5u, 20u, 783u, 785u, 100'000u}) {
-    decode(short_one, size, record);
-    EXPECT_TRUE(record.malformed);
-    std::string text = all.substr(0, size < 4 ? 0 : size - 4);
+    std::string text =
+        std::string(whole.view, sizeof whole.view).substr(0, size < 4 ? 0 : size - 4);
     text.erase(text.find_last_not_of(' ') + 1);
-    EXPECT_EQ(fields_of(record), (Fields{{"text", text}})) << size;
+    EXPECT_EQ(shown(whole, size), "text=" + text + " ") << size;
   }
 }
 
@@ -176,11 +142,10 @@ TEST(Decoding, LosesNoByteOfAText) {
 
 TEST(Statistics, CountKindsQueuesTransactionsAndTheTimesOfServices) {
   Stats stats;
-  DecodedRecord record;
-  const auto count = [&](int queue, char type, std::string_view elapsed, std::string_view depth,
+  const auto count = [&](int queue, char type, const std::string& elapsed, const char* depth,
                          std::string_view svc_id, std::size_t size = kRecordTextSize) {
-    TRAN_LOGF_QUE_DATA data =
-        message(type, std::string(elapsed) + " 0000000000 " + depth.data(), 377);
+    TRAN_LOGF_QUE_DATA data = message(type, elapsed + " 0000000000 " + depth, 377);
+    DecodedRecord record;
     std::memcpy(data.view + 56, svc_id.data(), svc_id.size());
     decode(data, size, record);
     count_record(stats, queue, record);

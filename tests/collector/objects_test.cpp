@@ -76,32 +76,37 @@ TEST_F(Objects, NeedAFileThatSaysAllOfThemAndNothingElse) {
     const char* what;
   } cases[] = {
       {kQueCnt, "3", "is 3; it must be 1, 2, 4, 8 or 16"},
-      {kQueCnt, "8", "more than MAX_QUE_CNT, which is 4"},
+      {kQueCnt, "8", "is 8, more than MAX_QUE_CNT, which is 4"},
       {kQueCnt, "4x", "is \"4x\", which is not a decimal number"},
       {kMaxQueCnt, "17", "is 17, which is not within 1 to 16"},
       {kMaxQueCnt, "", "has no value"},
-      {kCallTrcDepth, "128", "not within 0 to 127"},
-      {kCallTrcLimit, "-1", "not within 0 to"},
-      {kSqlTrcLimit, "99999999999999999999", "not within 0 to"},
+      {kCallTrcDepth, "128", "is 128, which is not within 0 to 127"},
+      {kCallTrcLimit, "-1", "is -1, which is not within 0 to"},
+      {kSqlTrcLimit, "99999999999999999999", "is 99999999999999999999, which is not within 0 to"},
       {kFstErrRcSet, "128,1 5,3", "holds \"5,3\""},
-      {kTranLogfMsgqKey, "2147483633", "not within 1 to"},  // queue 15 would have no key
-      {kSvcHashTblShmKey, kQueInfoShmKey.sample, "the same key as TRAN_LOGF_QUE_INFO_SHMKEY"},
+      // Queue 15 would have no key.
+      {kTranLogfMsgqKey, "2147483633", "is 2147483633, which is not within 1 to"},
+      {kSvcHashTblShmKey, kQueInfoShmKey.sample, "is the same key as TRAN_LOGF_QUE_INFO_SHMKEY"},
   };
-  const auto expect_refusal = [&](const std::string& text, const ConfigKey& key,
-                                  const std::string& what) {
-    test::write_file(path_, text);
-    CollectorSettings settings;
-    EXPECT_FALSE(read_settings(path_, settings, error_)) << text;
-    expect_told(path_ + ": [" + key.section + "] " + key.key + " ");
-    expect_told(what);
+  const auto told = [&](const ConfigKey& key, const std::string& what) {
+    expect_told("[" + std::string(key.section) + "] " + key.key + " " + what);
   };
-  for (const auto& c : cases) expect_refusal(config_text({{c.key.key, c.value}}), c.key, c.what);
+  CollectorSettings settings;
+  for (const auto& c : cases) {
+    test::write_file(path_, config_text({{c.key.key, c.value}}));
+    EXPECT_FALSE(read_settings(path_, settings, error_)) << c.key.key << " = " << c.value;
+    expect_told(path_ + ":");
+    told(c.key, c.what);
+  }
   for (const ConfigKey& key : kConfigKeys) {
     std::string text = config_text({});
     text.insert(text.find("\n" + std::string(key.key) + " ") + 1, "#");
-    expect_refusal(text, key, "is missing");
+    test::write_file(path_, text);
+    ConfigValues values;
+    EXPECT_FALSE(read_config_values(path_, values, error_));
+    told(key, "is missing");
   }
-  EXPECT_FALSE(read_settings(path_ + ".absent", settings_, error_));
+  EXPECT_FALSE(read_settings(path_ + ".absent", settings, error_));
   expect_told(".absent: No such file");
 }
 

@@ -3,7 +3,6 @@
 #include <sys/prctl.h>
 
 #include <ctime>
-#include <type_traits>
 
 #include "records/traced.h"
 
@@ -13,13 +12,11 @@ namespace varn::test {
 namespace {
 
 struct Place {
-  int at;  // from the record-type byte
-  int width;
+  int at, width;  // from the record-type byte on
 };
 
 // In the order of the arguments; a place without a width is of one that the kind does not take.
 constexpr Place kHead[] = {{2, 2}, {5, 1}, {7, 32}, {56, 16}, {89, 8}, {126, 8}, {135, 12}};
-constexpr int kGidArg = 2, kSvcIdArg = 3;
 const std::vector<Place> kServiceArgs = {
     {173, 1}, {175, 6},  {182, 3}, {186, 12}, {199, 9}, {209, 7}, {217, 1},  {219, 9},
     {229, 8}, {238, 39}, {278, 3}, {282, 3},  {286, 1}, {288, 1}, {290, 12}, {303, 16},
@@ -31,62 +28,52 @@ template <typename Named>
 auto sender(int (*send)(const Named&, int)) {
   return [send](const Args& args) {
     Named named;
-    static_assert(sizeof named <= sizeof args && std::is_trivially_copyable_v<Named>);
+    static_assert(sizeof named <= sizeof args);
     std::memcpy(static_cast<void*>(&named), args.data(), sizeof named);
     return send(named, kThread);
   };
 }
 
-const std::string kLevelGid = "GID-OF-THE-SERVICE", kLevelSvcId = "SVC-OF-LEVEL";
+constexpr char kTopGid[] = "GID-OF-THE-SERVICE", kTopSvcId[] = "SVC-OF-LEVEL";
 
 struct Kind {
   char type;
   std::uint32_t length;
-  bool is_the_levels;  // GID and service id are, whatever the arguments say
-  std::string gid_if_null, svc_id_if_null;
+  const char *gid_if_null, *svc_id_if_null;
   std::vector<Place> body;
   std::function<int(const Args&)> send;
 };
 const Kind kKinds[] = {
-    {'1', 377, false, "", "", kServiceArgs, sender(start)},
-    {'2', 377, true, "", "", kServiceArgs, sender(end)},
-    {'9', 377, true, "", "", kServiceArgs, sender(error)},
-    {'I', 499, false, kLevelGid, kLevelSvcId, {{}, {}, {}, {148, 350}}, sender(info)},
-    {'X', 504, false, kLevelGid, "", {{148, 4}, {}, {}, {153, 350}}, sender(info_ex)},
-    {'V', 684, false, "", "", {{148, 4}, {153, 12}, {166, 4}, {171, 512}}, sender(event)},
-    {'E', 522, true, "", "", {{148, 4}, {153, 12}, {166, 4}, {171, 350}}, sender(errinfo)},
+    {'1', 377, "", "", kServiceArgs, sender(start)},
+    {'2', 377, kTopGid, kTopSvcId, kServiceArgs, sender(end)},
+    {'9', 377, kTopGid, kTopSvcId, kServiceArgs, sender(error)},
+    {'I', 499, kTopGid, kTopSvcId, {{}, {}, {}, {148, 350}}, sender(info)},
+    {'X', 504, kTopGid, "", {{148, 4}, {}, {}, {153, 350}}, sender(info_ex)},
+    {'V', 684, "", "", {{148, 4}, {153, 12}, {166, 4}, {171, 512}}, sender(event)},
+    {'E', 522, kTopGid, kTopSvcId, {{148, 4}, {153, 12}, {166, 4}, {171, 350}}, sender(errinfo)},
 };
 
 // How each argument is given: characters of its field, and what stands behind them in the text,
 // which ends where its memory ends.
-constexpr int kWhole = -1, kNull = -2;
-constexpr int kTextLength = 0;
+constexpr int kWhole = INT32_MAX, kNull = -1;
 struct Form {
   const char* name;
-  int chars;  // kWhole, a number, or kNull
+  int chars;  // no more than the field has, or kNull
   std::string behind;
-  int len;  // as given; kTextLength for the characters alone
+  int len;  // as given; 0: the number of the characters
 };
 const Form kForms[] = {
-    {"texts as long as their fields", kWhole, "~", kTextLength},
+    {"texts as long as their fields", kWhole, "~", 0},
     {"longer texts, zero-ended", kWhole, std::string("~~~~~\0", 6), -1},
     {"texts of one character, zero-ended", 1, std::string("\0", 1), -1},
-    {"texts of no character", 0, "~", kTextLength},
+    {"texts of no character", 0, "~", 0},
     {"null texts", kNull, "", INT32_MAX},
     {"texts of the largest length", kWhole, "", INT32_MAX},
     {"texts of the smallest length", kWhole, "", INT32_MIN},
 };
 
-std::string field_in(const Form& form, std::size_t argument, int width) {
-  const char letter = "ABCDEFGHIJKLMNOPQRSTUVWXYZabc"[argument];
-  const int chars = form.chars == kWhole ? width : std::min(form.chars, width);
-  return std::string(static_cast<std::size_t>(chars), letter);
-}
-Arg arg_in(const Form& form, std::size_t argument, int width) {
-  if (form.chars == kNull) return {nullptr, form.len};
-  const std::string field = field_in(form, argument, width);
-  return {guarded(field + form.behind),
-          form.len == kTextLength ? static_cast<int>(field.size()) : form.len};
+std::string bytes_of(const Record& record) {
+  return {reinterpret_cast<const char*>(&record), sizeof record};
 }
 
 void put(std::string& bytes, Place place, const std::string& text) {
@@ -99,45 +86,19 @@ std::string digits(std::int64_t number, int width) {
   return std::string(static_cast<std::size_t>(width) - text.size(), '0') + text;
 }
 
-std::string bytes_of(const Record& record) {
-  return {reinterpret_cast<const char*>(&record), sizeof record};
-}
-
-// The date and time of a record, in Korea.
-std::string stamp_of(std::int64_t us) {
+// The current date and time in Korea, as records have them.
+std::string stamp() {
+  const std::int64_t us = clock_us();
   const std::time_t second = us / 1'000'000 + 9 * 3600;
   char text[16];
   std::strftime(text, sizeof text, "%Y%m%d %H%M%S", std::gmtime(&second));
   return text + digits(us % 1'000'000, 6);
 }
 
-class Golden : public RecordTest {
- protected:
-  Golden() { collector.environment["TZ"] = "KST-9"; }
-
-  // What every message of the thread holds that no argument gives.
-  std::string blank_message(char type, std::uint32_t length, const std::string& host) {
-    std::string bytes(8 + 784, ' ');
-    std::memcpy(bytes.data() + 8, &length, sizeof length);
-    bytes[12] = type;
-    put(bytes, {40, 15}, "golden-process");
-    put(bytes, {73, 15}, host);
-    put(bytes, {89, 8}, digits(pid(), 8));
-    put(bytes, {98, 15}, "000000000004660");
-    put(bytes, {114, 5}, "00052");
-    std::int32_t pidx = 0;
-    std::memcpy(&pidx, &entry(), sizeof pidx);
-    put(bytes, {120, 5}, digits(pidx, 5));
-    if (length == 377) {
-      put(bytes, {148, 10}, "0000000000");
-      put(bytes, {159, 10}, "0000000000");
-      put(bytes, {170, 2}, "01");
-    }
-    return bytes;
-  }
-};
+using Golden = RecordTest;
 
 TEST_F(Golden, EveryKindHasEachArgumentAtItsPlaceHoweverItIsGiven) {
+  collector.environment["TZ"] = "KST-9";
   char host[256] = "";
   gethostname(host, sizeof host - 1);
   for (const Kind& kind : kKinds) {
@@ -145,37 +106,49 @@ TEST_F(Golden, EveryKindHasEachArgumentAtItsPlaceHoweverItIsGiven) {
     places.insert(places.end(), kind.body.begin(), kind.body.end());
     for (const Form& form : kForms) {
       SCOPED_TRACE(std::string(1, kind.type) + ": " + form.name);
-      const std::string before = stamp_of(clock_us());
+      const auto field = [&](std::size_t i) {
+        const auto chars = static_cast<std::size_t>(std::min(form.chars, places[i].width));
+        return std::string(chars, "ABCDEFGHIJKLMNOPQRSTUVWXYZabc"[i]);
+      };
+      const std::string before = stamp();
       const std::vector<Record> records = trace([&] {
         prctl(PR_SET_NAME, "golden-process");
         ASSERT_EQ(TRAN_DONE(), 0);
         ASSERT_EQ(TRAN_INIT(), 0);
-        if (kind.type != '1') {
-          ASSERT_EQ(start({.gid = kLevelGid.c_str(), .svc_id = kLevelSvcId.c_str()}), 0);
-        }
+        ASSERT_EQ(kind.type == '1' ? 0 : start({.gid = kTopGid, .svc_id = kTopSvcId}), 0);
         Args args;
-        for (std::size_t i = 0; i < places.size(); ++i) args[i] = arg_in(form, i, places[i].width);
+        args.fill({nullptr, form.len});
+        for (std::size_t i = 0; i < places.size() && form.chars != kNull; ++i) {
+          const int len = form.len == 0 ? static_cast<int>(field(i).size()) : form.len;
+          args[i] = {guarded(field(i) + form.behind), len};
+        }
         ASSERT_EQ(kind.send(args), 0);
       });
       ASSERT_FALSE(records.empty());
       const std::string actual = bytes_of(records.back());
-      std::string expected = blank_message(kind.type, kind.length, std::string(host).substr(0, 15));
+      std::string expected(8 + 784, ' ');
+      std::memcpy(expected.data() + 8, &kind.length, sizeof kind.length);
+      expected[12] = kind.type;
+      put(expected, {40, 15}, "golden-process");
+      put(expected, {73, 15}, std::string(host).substr(0, 15));
+      put(expected, {89, 8}, digits(pid(), 8));
+      put(expected, {98, 15}, "000000000004660");
+      put(expected, {114, 5}, "00052");
+      put(expected, {120, 5}, digits(entry().pidx, 5));
+      if (kind.length == 377) put(expected, {148, 24}, "0000000000 0000000000 01");
       if (form.chars != kNull) {
-        for (std::size_t i = 0; i < places.size(); ++i)
-          put(expected, places[i], field_in(form, i, places[i].width));
+        for (std::size_t i = 0; i < places.size(); ++i) put(expected, places[i], field(i));
       } else {
         // No time given: the current one, and for an end a response time.
-        const std::string stamp = actual.substr(12 + 126, 21);
-        EXPECT_GE(stamp, before);
-        EXPECT_LE(stamp, stamp_of(clock_us()));
-        put(expected, {126, 21}, stamp);
+        const std::string shown = actual.substr(12 + 126, 21);
+        EXPECT_TRUE(before <= shown && shown <= stamp()) << shown;
+        put(expected, {126, 21}, shown);
         if (kind.type == '2') put(expected, {148, 10}, actual.substr(12 + 148, 10));
-        put(expected, kHead[kGidArg], kind.gid_if_null);
-        put(expected, kHead[kSvcIdArg], kind.svc_id_if_null);
       }
-      if (kind.is_the_levels) {
-        put(expected, kHead[kGidArg], kLevelGid);
-        put(expected, kHead[kSvcIdArg], kLevelSvcId);
+      // Some kinds are always of the running service.
+      if (std::strchr("29E", kind.type) != nullptr || form.chars == kNull) {
+        put(expected, {7, 32}, kind.gid_if_null);
+        put(expected, {56, 16}, kind.svc_id_if_null);
       }
       EXPECT_EQ(actual, expected);
     }
@@ -183,23 +156,14 @@ TEST_F(Golden, EveryKindHasEachArgumentAtItsPlaceHoweverItIsGiven) {
 }
 
 TEST_F(Golden, WhatALongerRecordOrAGivenProcessIdLeftBehindIsGoneFromTheNext) {
-  const std::string text(512, '#');
-  const auto records = trace([&] {
-    const Arg message(text.c_str());
-    EXPECT_EQ(event({.gid = "G", .svc_id = "S", .pid_str = "87654321", .message = message}), 0);
-    EXPECT_EQ(errinfo({.message = message}), TRAN_RC_DEPTH);
-    EXPECT_EQ(info_ex({.gid = "G", .svc_id = "S", .message = message}), 0);
-    EXPECT_EQ(info({.gid = "G", .svc_id = "S", .message = message}), 0);
+  const auto records = trace([] {
+    const std::string text(512, '#');
+    EXPECT_EQ(event({.gid = "G", .pid_str = "87654321", .message = text.c_str()}), 0);
     EXPECT_EQ(start({.gid = "G", .svc_id = "S"}), 0);
   });
-  ASSERT_EQ(types_of(records), "VXI1");
-  const std::size_t lengths[] = {684, 504, 499, 377};
-  for (std::size_t i = 0; i < 4; ++i) {
-    SCOPED_TRACE(types_of(records)[i]);
-    const std::string bytes = bytes_of(records[i]);
-    EXPECT_EQ(bytes.substr(12 + lengths[i]), std::string(780 - lengths[i], ' '));
-    EXPECT_EQ(bytes.substr(12 + 89, 8), i == 0 ? "87654321" : digits(pid(), 8));
-  }
+  ASSERT_EQ(types_of(records), "V1");
+  EXPECT_EQ(text_of(records[1], kPid), digits(pid(), 8));
+  EXPECT_EQ(bytes_of(records[1]).substr(12 + 377), std::string(780 - 377, ' '));
 }
 
 TEST_F(Golden, TheSharedEntryShowsTheRunningServiceAtItsPlaces) {
@@ -208,16 +172,16 @@ TEST_F(Golden, TheSharedEntryShowsTheRunningServiceAtItsPlaces) {
     EXPECT_EQ(start({.gid = "GID-2", .svc_id = "SVC-2", .chnl_typ_cd = "ICT"}), 0);
   });
   const std::string first = padded("GID-1", 32) + '\0' + padded("SVC-1", 16) + '\0';
-  const std::string second = padded("GID-2", 32) + '\0' + padded("SVC-2", 16);
   const std::string owner = digits(pid(), 8) + '\0' + "000000000004660" + '\0' + "00052";
   const auto* const raw = reinterpret_cast<const char*>(&entry());
-  for (const auto& [at, text] : std::map<int, std::string>{{16, first + "RECV-CODE-12"},
-                                                           {79, first},
-                                                           {142, second},
-                                                           {709, "\2O"},
-                                                           {780, owner},
-                                                           {896, "f\1"},
-                                                           {900, "\12"}})
+  for (const auto& [at, text] :
+       std::map<int, std::string>{{16, first + "RECV-CODE-12"},
+                                  {79, first},
+                                  {142, padded("GID-2", 32) + '\0' + padded("SVC-2", 16)},
+                                  {709, "\2O"},
+                                  {780, owner},
+                                  {896, "f\1"},
+                                  {900, "\12"}})
     EXPECT_EQ(std::string(raw + at, text.size()), text) << at;
 }
 

@@ -1,5 +1,5 @@
-#include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "hash/get_svc_hash.h"
@@ -22,20 +22,18 @@ TEST(HashCode, KnownValues) {
 template <typename Stack>
 void check_stack(std::int32_t (*push)(Stack*, std::uint32_t), std::int32_t (*pop)(Stack*)) {
   constexpr std::uint32_t kFull = Stack::capacity;
-  const auto stack = std::make_unique<Stack>();
-  EXPECT_EQ(pop(stack.get()), -1) << "empty";
-  EXPECT_EQ(push(stack.get(), 7), 1);
-  EXPECT_EQ(push(stack.get(), 9), 2);
-  EXPECT_EQ(pop(stack.get()), 9);
-  EXPECT_EQ(pop(stack.get()), 7);
-  stack->count = kFull - 1;
-  EXPECT_EQ(push(stack.get(), 5), static_cast<std::int32_t>(kFull));
-  EXPECT_EQ(push(stack.get(), 6), -1) << "full";
-  EXPECT_EQ(pop(stack.get()), 5);
-  for (const std::uint32_t damaged : {kFull + 1, 0xFFFFFFFFU}) {
-    stack->count = damaged;
-    EXPECT_EQ(push(stack.get(), 1), -1) << damaged;
-    EXPECT_EQ(pop(stack.get()), -1) << damaged;
+  Stack stack = {};
+  EXPECT_EQ(pop(&stack), -1) << "empty";
+  EXPECT_EQ(push(&stack, 7), 1);
+  EXPECT_EQ(push(&stack, 9), 2);
+  EXPECT_EQ(pop(&stack), 9);
+  EXPECT_EQ(pop(&stack), 7);
+  stack.count = kFull - 1;
+  EXPECT_EQ(push(&stack, 5), static_cast<std::int32_t>(kFull));
+  for (const std::uint32_t full_or_damaged : {kFull, kFull + 1, 0xFFFFFFFFU}) {
+    stack.count = full_or_damaged;
+    EXPECT_EQ(push(&stack, 6), -1) << full_or_damaged;
+    EXPECT_EQ(pop(&stack), full_or_damaged == kFull ? 5 : -1) << full_or_damaged;
   }
 }
 
@@ -46,19 +44,19 @@ TEST(Stacks, PushAndPopWithinTheirBounds) {
 }
 
 TEST(Stacks, ANumberIsTakenOutWhereverItStands) {
-  const auto stack = std::make_unique<TableStack>();
-  EXPECT_EQ(svc_hash_popv(stack.get(), 1), -1) << "empty";
-  for (const std::uint32_t n : {1U, 2U, 3U, 4U}) svc_hash_push(stack.get(), n);
+  TableStack stack = {};
+  EXPECT_EQ(svc_hash_popv(&stack, 1), -1) << "empty";
+  for (const std::uint32_t n : {1U, 2U, 3U, 4U}) svc_hash_push(&stack, n);
   for (const auto& [number, popped, left] : {std::tuple{2, 2, std::vector{1, 4, 3, -1}},
                                              {3, 3, {1, 4, -1, -1}},
                                              {3, -1, {1, 4, -1, -1}},
                                              {-1, -1, {1, 4, -1, -1}}}) {
-    EXPECT_EQ(svc_hash_popv(stack.get(), number), popped);
-    EXPECT_EQ(std::vector<std::int32_t>(stack->numbers, stack->numbers + 4), left);
+    EXPECT_EQ(svc_hash_popv(&stack, number), popped);
+    EXPECT_EQ(std::vector<std::int32_t>(stack.numbers, stack.numbers + 4), left);
   }
-  EXPECT_EQ(stack->count, 2U);
-  stack->count = TableStack::capacity + 1;
-  EXPECT_EQ(svc_hash_popv(stack.get(), 1), -1) << "damaged";
+  EXPECT_EQ(stack.count, 2U);
+  stack.count = TableStack::capacity + 1;
+  EXPECT_EQ(svc_hash_popv(&stack, 1), -1) << "damaged";
 }
 
 class ServiceTable : public testing::Test {
