@@ -52,9 +52,9 @@ class Message {
     if (us < 0 || us >= kUsPerSecond || size_ + 6 > kCapacity) return padded(us, 6);
     const auto rest = static_cast<std::uint32_t>(us);
     char* const place = bytes_ + size_;
-    std::memcpy(place, &kDigitPairs[rest / 10'000 * 2], 2);
-    std::memcpy(place + 2, &kDigitPairs[rest / 100 % 100 * 2], 2);
-    std::memcpy(place + 4, &kDigitPairs[rest % 100 * 2], 2);
+    put_pair(place, rest / 10'000);
+    put_pair(place + 2, rest / 100 % 100);
+    put_pair(place + 4, rest % 100);
     size_ += 6;
     return *this;
   }

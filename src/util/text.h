@@ -80,6 +80,11 @@ inline constexpr auto kDigitPairs = [] {
   return pairs;
 }();
 
+// The two digits of a number below 100.
+inline void put_pair(char* place, std::size_t number) {
+  std::memcpy(place, &kDigitPairs[number * 2], 2);
+}
+
 inline constexpr auto kPowersOfTen = [] {
   std::array<std::uint64_t, 20> powers{};
   std::uint64_t power = 1;
@@ -103,7 +108,7 @@ static_assert(digit_count(9'999'999'999) == 10 && digit_count(~std::uint64_t{0})
 inline void put_unsigned(char* field, std::size_t width, std::uint64_t number) {
   std::uint64_t rest = number;
   std::size_t at = width;
-  for (; at >= 2; rest /= 100) std::memcpy(field + (at -= 2), &kDigitPairs[rest % 100 * 2], 2);
+  for (; at >= 2; rest /= 100) put_pair(field + (at -= 2), rest % 100);
   if (at != 0) {
     *field = static_cast<char>('0' + rest % 10);
     rest /= 10;

@@ -20,37 +20,26 @@ def run(*command, **options):
     return done.stdout
 
 
-def build_with_cmake(cmake, generator, source, prefix, build):
-    run(cmake, "-G", generator, "-S", source, "-B", build, f"-DCMAKE_PREFIX_PATH={prefix}")
-    run(cmake, "--build", build)
-    return build / "consumer"
-
-
-def build_with_pkg_config(cc, source, library_dir, program):
-    paths = {**os.environ, "PKG_CONFIG_PATH": str(library_dir / "pkgconfig")}
-    flags = shlex.split(run("pkg-config", "--cflags", "--libs", "varn", env=paths))
-    run(cc, "-std=c99", "-Wall", "-Werror", source / "main.c", "-o", program, *flags)
-    return program
-
-
 def check(root, build, cmake, generator, cc, scratch):
     prefix = scratch / "prefix"
     run(cmake, "--install", build, "--prefix", prefix)
     sonames = list(prefix.rglob("libvarn.so.?"))
     if len(sonames) != 1:
         sys.exit(f"one libvarn.so.N wanted, found: {sonames}")
-    library_dir = sonames[0].parent
+    lib = sonames[0].parent
+    paths = {**os.environ, "LD_LIBRARY_PATH": lib, "PKG_CONFIG_PATH": lib / "pkgconfig"}
 
     source = root / "examples/cmake_consumer"
-    programs = (
-        build_with_cmake(cmake, generator, source, prefix, scratch / "consumer"),
-        build_with_pkg_config(cc, source, library_dir, scratch / "pkg_config_consumer"),
-    )
-    traced = {**os.environ, "LD_LIBRARY_PATH": str(library_dir)}
-    for program in programs:
-        shown = run(
-            root / "tests/support/private_ipc.sh", prefix / "bin/varn", "run", "--", program, env=traced
-        )
+    folder = scratch / "build"
+    run(cmake, "-G", generator, "-S", source, "-B", folder, f"-DCMAKE_PREFIX_PATH={prefix}")
+    run(cmake, "--build", folder)
+    with_cmake = folder / "consumer"
+    with_pkg_config = scratch / "consumer"
+    flags = shlex.split(run("pkg-config", "--cflags", "--libs", "varn", env=paths))
+    run(cc, "-std=c99", "-Wall", "-Werror", source / "main.c", "-o", with_pkg_config, *flags)
+    for program in (with_cmake, with_pkg_config):
+        traced = (root / "tests/support/private_ipc.sh", prefix / "bin/varn", "run", "--", program)
+        shown = run(*traced, env=paths)
         if "built against the installed library" not in shown:
             sys.exit(f"{program}: its event was not shown:\n{shown}")
 

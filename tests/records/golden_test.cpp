@@ -132,8 +132,7 @@ TEST_F(Golden, EveryKindHasEachArgumentAtItsPlaceHoweverItIsGiven) {
       put(expected, {40, 15}, "golden-process");
       put(expected, {73, 15}, std::string(host).substr(0, 15));
       put(expected, {89, 8}, digits(pid(), 8));
-      put(expected, {98, 15}, "000000000004660");
-      put(expected, {114, 5}, "00052");
+      put(expected, {98, 21}, "000000000004660 00052");
       put(expected, {120, 5}, digits(entry().pidx, 5));
       if (kind.length == 377) put(expected, {148, 24}, "0000000000 0000000000 01");
       if (form.chars != kNull) {
