@@ -30,10 +30,6 @@ constexpr bool is_service(const RecordKind& kind) {
   return kind.body.data() == kServiceBody.data();
 }
 
-// Service records of all lengths agree up to the telegram error code.
-constexpr std::size_t kCommonServiceFields = 11;
-static_assert(kServiceBody[kCommonServiceFields - 1].name == "std_tmsg_err_cd");
-
 // A conversion descriptor of a thread's own; they hold state.
 struct UhcDecoder {
   iconv_t handle = iconv_open("UTF-8", "UHC");
@@ -92,7 +88,7 @@ void decode(const TRAN_LOGF_QUE_DATA& data, std::size_t size, DecodedRecord& out
     const std::size_t text = size < sizeof data.length ? 0 : size - sizeof data.length;
     return add_rest("text", view.substr(0, text), out);
   }
-  out.kind = record_kind(out.rec_type);
+  out.kind = record_kind(out.rec_type, data.length);
   add_fields(kHeaderFields, view, out);
   if (out.kind == nullptr) return add_rest("text", view.substr(kBodyAt), out);
   if (is_service(*out.kind) && data.length != out.kind->length()) {

@@ -58,20 +58,21 @@ enum tran_rc {
    * negative number is refused. Set VARN_THREAD_ID=kernel in the environment to number threads by
    * their kernel id instead. */
   TRAN_RC_NO_CONTEXT = 107,
-  TRAN_RC_CALL_TOO_DEEP = 109, /* a business call's end beyond the traced depth: not recorded */
-  TRAN_RC_CALL_SHORT = 110,    /* a business call shorter than its limit: not recorded */
-  TRAN_RC_DBIO_SHORT = 111,    /* a database call shorter than its limit: not recorded */
-  TRAN_RC_NO_SERVICE = 112,    /* the record needs an open service */
-  TRAN_RC_TOO_MANY_SQL = 113,  /* a sixth SQL statement in one database call */
-  TRAN_RC_CALL_DEPTH = 115,    /* no call is open, or more than 51 are; ends without starts */
-  TRAN_RC_NO_ENTRY = 116,      /* the thread has no entry in the shared process-thread table */
-  TRAN_RC_NO_MUTEX = 117,      /* a bucket's mutex could not be initialised */
-  TRAN_RC_FOREIGN_ENTRY = 118, /* the shared entry belongs to another thread */
-  TRAN_RC_FILTERED = 121,      /* the service is excluded by service filtering */
-  TRAN_RC_DBIO_IN_DBIO = 122,  /* a database call cannot be opened inside another */
-  TRAN_RC_DEPTH = 123,         /* no service is open, or too many are */
-  TRAN_RC_NOT_DBIO = 125,      /* the innermost open call is not a database call */
-  TRAN_RC_SVCTIMEOUT = 126     /* TRAN_SET_SVCTIMEOUT was called: off until the next TRAN_INIT */
+  TRAN_RC_CALL_TOO_DEEP = 109,  /* a business call's end beyond the traced depth: not recorded */
+  TRAN_RC_CALL_SHORT = 110,     /* a business call shorter than its limit: not recorded */
+  TRAN_RC_DBIO_SHORT = 111,     /* a database call shorter than its limit: not recorded */
+  TRAN_RC_NO_SERVICE = 112,     /* the record needs an open service */
+  TRAN_RC_TOO_MANY_SQL = 113,   /* a sixth SQL statement in one database call */
+  TRAN_RC_CALL_DEPTH = 115,     /* no call is open, or more than 51 are; ends without starts */
+  TRAN_RC_NO_ENTRY = 116,       /* the thread has no entry in the shared process-thread table */
+  TRAN_RC_NO_MUTEX = 117,       /* a bucket's mutex could not be initialised */
+  TRAN_RC_FOREIGN_ENTRY = 118,  /* the shared entry belongs to another thread */
+  TRAN_RC_FILTERED = 121,       /* the service is excluded by service filtering */
+  TRAN_RC_DBIO_IN_DBIO = 122,   /* a database call cannot be opened inside another */
+  TRAN_RC_DEPTH = 123,          /* no service is open, or too many are */
+  TRAN_RC_SHORT_TELEGRAM = 124, /* whole telegrams are logged, and this one has under 512 bytes */
+  TRAN_RC_NOT_DBIO = 125,       /* the innermost open call is not a database call */
+  TRAN_RC_SVCTIMEOUT = 126      /* TRAN_SET_SVCTIMEOUT was called: off until the next TRAN_INIT */
 };
 
 /* Starts the agent in this process: reads the environment and the configuration file, attaches the
@@ -87,46 +88,60 @@ VARN_API int TRAN_INIT(void);
  * without a start it returns 0. */
 VARN_API int TRAN_DONE(void);
 
-/* The 29 texts of a transaction, in the order in which TRAN_START, TRAN_END and TRAN_ERROR take
- * them after the thread number. Each is a pair: `const char* NAME, int NAME_len`.
+/* The texts that every service call takes after the thread number, whichever others follow. Each is
+ * a pair: `const char* NAME, int NAME_len`.
  *
- *   X(name, width)            width: bytes of its field in the record
+ *   X(name, width)           width: bytes of its field in the record
  */
-#define TRAN_FIELD_LIST(X)                                                                  \
-  X(hdr_cd, 2)             /* caller's two-character code */                                \
-  X(hdr_flag, 1)           /* caller's one-character code */                                \
-  X(gid, 32)               /* global transaction id (GID); its first 30 characters count */ \
-  X(svc_id, 16)            /* service id */                                                 \
-  X(pid_str, 8)            /* process id text; the process id when null */                  \
-  X(date_str, 8)           /* YYYYMMDD; the local date when null */                         \
-  X(time_str, 12)          /* HHMMSSuuuuuu; the local time when null. An end that gives it  \
-                              reports no response time */                                   \
-  X(ext_flag, 1)           /* one-character flag */                                         \
-  X(trsc_grco_br, 6)       /* group-company code (2) and branch number (4) */               \
-  X(chnl_typ_cd, 3)        /* channel type; "ICT" and "ICC" are linked channels */          \
-  X(recv_svc_cd, 12)       /* receive service code */                                       \
-  X(scrn_id, 9)            /* screen id */                                                  \
-  X(emp_no, 7)             /* employee number */                                            \
-  X(proc_rslt_dv_cd, 1)    /* processing-result code */                                     \
-  X(std_tmsg_err_cd, 9)    /* telegram error code */                                        \
-  X(std_tmsg_len, 8)       /* telegram length, as text */                                   \
-  X(ipv6_adr, 39)          /* IPv6 address, as text */                                      \
-  X(fst_trms_sys_cd, 3)    /* first transmitting system */                                  \
-  X(trms_sys_cd, 3)        /* transmitting system */                                        \
-  X(rqst_rsps_dv_cd, 1)    /* request or response */                                        \
-  X(trsc_sync_dv_cd, 1)    /* synchronous or asynchronous */                                \
-  X(rslt_recv_svc_cd, 12)  /* service code that receives the result */                      \
-  X(eai_intf_id, 16)       /* EAI interface id */                                           \
-  X(dsbl_sys_cd, 3)        /* failing system */                                             \
-  X(otsd_inst_cd, 4)       /* outside institution */                                        \
-  X(otsd_biz_cd, 3)        /* outside business */                                           \
-  X(fst_trms_mdcl_ctt, 39) /* first-transmission medium */                                  \
-  X(spare1, 1)             /* free */                                                       \
+#define TRAN_COMMON_FIELD_LIST(X)                                                        \
+  X(hdr_cd, 2)          /* caller's two-character code */                                \
+  X(hdr_flag, 1)        /* caller's one-character code */                                \
+  X(gid, 32)            /* global transaction id (GID); its first 30 characters count */ \
+  X(svc_id, 16)         /* service id */                                                 \
+  X(pid_str, 8)         /* process id text; the process id when null */                  \
+  X(date_str, 8)        /* YYYYMMDD; the local date when null */                         \
+  X(time_str, 12)       /* HHMMSSuuuuuu; the local time when null. An end that gives it  \
+                           reports no response time */                                   \
+  X(ext_flag, 1)        /* one-character flag */                                         \
+  X(trsc_grco_br, 6)    /* group-company code (2) and branch number (4) */               \
+  X(chnl_typ_cd, 3)     /* channel type; "ICT" and "ICC" are linked channels */          \
+  X(recv_svc_cd, 12)    /* receive service code */                                       \
+  X(scrn_id, 9)         /* screen id */                                                  \
+  X(emp_no, 7)          /* employee number */                                            \
+  X(proc_rslt_dv_cd, 1) /* processing-result code */                                     \
+  X(std_tmsg_err_cd, 9) /* telegram error code */
+
+/* The 29 texts of a transaction. */
+#define TRAN_FIELD_LIST(X)                                             \
+  TRAN_COMMON_FIELD_LIST(X)                                            \
+  X(std_tmsg_len, 8)       /* telegram length, as text */              \
+  X(ipv6_adr, 39)          /* IPv6 address, as text */                 \
+  X(fst_trms_sys_cd, 3)    /* first transmitting system */             \
+  X(trms_sys_cd, 3)        /* transmitting system */                   \
+  X(rqst_rsps_dv_cd, 1)    /* request or response */                   \
+  X(trsc_sync_dv_cd, 1)    /* synchronous or asynchronous */           \
+  X(rslt_recv_svc_cd, 12)  /* service code that receives the result */ \
+  X(eai_intf_id, 16)       /* EAI interface id */                      \
+  X(dsbl_sys_cd, 3)        /* failing system */                        \
+  X(otsd_inst_cd, 4)       /* outside institution */                   \
+  X(otsd_biz_cd, 3)        /* outside business */                      \
+  X(fst_trms_mdcl_ctt, 39) /* first-transmission medium */             \
+  X(spare1, 1)             /* free */                                  \
   X(spare2, 1)             /* free */
+
+/* The 20 texts of a partial transaction: the common ones and five of the caller's own. */
+#define TRAN_PARTIAL_FIELD_LIST(X) \
+  TRAN_COMMON_FIELD_LIST(X)        \
+  X(pt_param_1, 30)                \
+  X(pt_param_2, 20)                \
+  X(pt_param_3, 20)                \
+  X(pt_param_4, 30)                \
+  X(pt_param_5, 3)
 
 /* clang-format off */
 #define TRAN_PAIR_PARAMETER(name, width) , const char* name, int name##_len
 #define TRAN_FIELD_PARAMETERS TRAN_FIELD_LIST(TRAN_PAIR_PARAMETER)
+#define TRAN_PARTIAL_FIELD_PARAMETERS TRAN_PARTIAL_FIELD_LIST(TRAN_PAIR_PARAMETER)
 /* clang-format on */
 
 /* Opens a service on the thread, up to ten deep, and sends record '1'. Inside an open service, the
@@ -147,6 +162,74 @@ VARN_API int TRAN_END(int tid TRAN_FIELD_PARAMETERS);
  * and `svc_id` are not used). Changes no state.
  * Returns as TRAN_START; 123 when no service is open, 112 when its start was refused. */
 VARN_API int TRAN_ERROR(int tid TRAN_FIELD_PARAMETERS);
+
+/* ---- Services described by a whole telegram ---------------------------------------------------
+ */
+
+/* Opens a service that the telegram of a request describes: logs the telegram where whole telegrams
+ * are logged, cuts the texts of TRAN_FIELD_LIST out of it, reports a GID that is not the telegram's
+ * as two information records, and makes the TRAN_START, or for a service id that begins with "CLH"
+ * the TRAN_CLH_START. An agent that was not started before is started first; one whose start failed
+ * is not tried again (103).
+ *   gid, gid_len       GID of the service. At channel types "ICT" and "ICC" the telegram's counts
+ *   svc_id, svc_id_len of exactly 12 characters, the first 9 count (not for "CLH"). A telegram for
+ *                      one that begins with "CLH" or "SPFMIPPR" is not logged
+ *   sttl, sttl_len     the telegram and its length in bytes; -1: up to its zero byte. What it is
+ * too short for is blank. Null: the service has the texts given here alone std_layout non-zero: the
+ * standard layout of varn/sttl.h. Zero: the fixed layout, whose telegrams begin with their length
+ * as four binary bytes (so give sttl_len), whose fields end at a zero byte, and which are not
+ * logged ext_on             ext_flag is "1" when non-zero, "0" when zero Returns what the call it
+ * makes returns; 124 for a telegram that is to be logged and has under 512 bytes, which is then not
+ * traced. */
+VARN_API int TRAN_STARTX(int tid, const char* hdr_cd, int hdr_cd_len, const char* hdr_flag,
+                         int hdr_flag_len, const char* gid, int gid_len, const char* svc_id,
+                         int svc_id_len, const char* sttl, int sttl_len, int std_layout,
+                         int ext_on);
+
+/* Closes the service with the telegram of the response, logged likewise, by a TRAN_END, or for a
+ * service id that begins with "CLH" (without a telegram or in the fixed layout also "GW") by a
+ * TRAN_CLH_END. A result code other than '0' and blank is reported first: a TRAN_ERROR, and from
+ * the error part of a standard telegram (data kind "EM", over 1,084 bytes) the first message as
+ * error information "1105" (result '1'), "1106" ('8'), "1107" ('9') or "9999", and each additional
+ * message as an information record. An error part that runs past the telegram's end is reported as
+ * far as it is there. Does not start the agent. Returns what the end call returns, or 124. */
+VARN_API int TRAN_ENDX(int tid, const char* hdr_cd, int hdr_cd_len, const char* hdr_flag,
+                       int hdr_flag_len, const char* gid, int gid_len, const char* svc_id,
+                       int svc_id_len, const char* sttl, int sttl_len, int std_layout, int ext_on);
+
+/* ---- Partial services, and services of one level ----------------------------------------------
+ */
+
+/* As TRAN_START, with texts of the caller's own in place of a telegram's. Every GID other than the
+ * open service's is a linked transaction, whatever the channel. */
+VARN_API int TRAN_PT_START(int tid TRAN_PARTIAL_FIELD_PARAMETERS);
+
+/* As TRAN_END, but for this: a refused end leaves the level open, and a changed GID is not
+ * reported.
+ */
+VARN_API int TRAN_PT_END(int tid TRAN_PARTIAL_FIELD_PARAMETERS);
+
+/* Services of a client handler, on threads that keep no levels: each call puts the thread at depth
+ * 1 whatever it was before, and sends a record '1', '2' or '9' with the texts given to it. The end
+ * reports no response time and does not lower the depth; an error needs no open service.
+ * Return the queue number, or 99 to 103, 105, 107, 116, 118, 121, 126. */
+VARN_API int TRAN_CLH_START(int tid TRAN_FIELD_PARAMETERS);
+VARN_API int TRAN_CLH_END(int tid TRAN_FIELD_PARAMETERS);
+VARN_API int TRAN_CLH_ERROR(int tid TRAN_FIELD_PARAMETERS);
+
+/* The same with the texts of a partial transaction. */
+VARN_API int TRAN_WEB_START(int tid TRAN_PARTIAL_FIELD_PARAMETERS);
+VARN_API int TRAN_WEB_END(int tid TRAN_PARTIAL_FIELD_PARAMETERS);
+
+/* Put the thread at depth 1 and send nothing, so that notices may follow. The texts are not used.
+ * Return 0, or 99 to 101, 103, 105, 107, 116, 126. */
+VARN_API int TRAN_FEP_START(int tid, const char* unused1, int unused1_len, const char* unused2,
+                            int unused2_len);
+VARN_API int TRAN_FEP_END(int tid, const char* unused1, int unused1_len, const char* unused2,
+                          int unused2_len);
+
+/* ---- Notices ----------------------------------------------------------------------------------
+ */
 
 /* The pairs that the four calls below begin with; as in TRAN_FIELD_LIST. */
 /* clang-format off */

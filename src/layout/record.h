@@ -2,6 +2,7 @@
 // stands where. The composer, the collector and the tests all read these tables.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -109,6 +110,19 @@ inline constexpr std::array kServiceBody{
     Field{"spare1",            373,  1},
     Field{"spare2",            375,  1},
 };
+// A partial start and end: the same up to the error code, then the caller's own five texts.
+inline constexpr std::size_t kCommonServiceFields = 11;
+static_assert(kServiceBody[kCommonServiceFields - 1].name == "std_tmsg_err_cd");
+inline constexpr std::array kPartialBody = [] {
+  std::array<Field, kCommonServiceFields + 5> fields{};
+  std::copy_n(kServiceBody.begin(), kCommonServiceFields, fields.begin());
+  fields[11] = {"pt_param_1",      229, 30};
+  fields[12] = {"pt_param_2",      260, 20};
+  fields[13] = {"pt_param_3",      281, 20};
+  fields[14] = {"pt_param_4",      302, 30};
+  fields[15] = {"pt_param_5",      333,  3};
+  return fields;
+}();
 // Business call, database call, SQL piece: one text that the traced process has formatted.
 inline constexpr std::array kCallBody{
     Field{"text",              148, 350},
@@ -187,11 +201,22 @@ constexpr const RecordKind* record_kind(char rec_type) {
   return place < 0 ? nullptr : &kRecordKinds[static_cast<std::size_t>(place)];
 }
 
+// Those of partial transactions and web services; their length tells them from the others.
+inline constexpr RecordKind kPartialStart{'1', "start", 0x01, 'S', 0x01, kPartialBody};
+inline constexpr RecordKind kPartialEnd{'2', "end", 0x01, 'S', 0x01, kPartialBody};
+
+constexpr const RecordKind* record_kind(char rec_type, std::uint32_t length) {
+  for (const RecordKind* const partial : {&kPartialStart, &kPartialEnd})
+    if (rec_type == partial->rec_type && length == partial->length()) return partial;
+  return record_kind(rec_type);
+}
+
 // The kind of a type known at compile time.
 template <char kRecType>
 inline constexpr const RecordKind& kKind = *record_kind(kRecType);
 
-static_assert(tiles(kServiceBody, kBodyAt, 377) && tiles(kCallBody, kBodyAt, 499));
+static_assert(tiles(kServiceBody, kBodyAt, 377) && tiles(kPartialBody, kBodyAt, 337));
+static_assert(tiles(kCallBody, kBodyAt, 499));
 static_assert(tiles(kInfoBody, kBodyAt, 499) && tiles(kInfoExBody, kBodyAt, 504));
 static_assert(tiles(kEventBody, kBodyAt, 684) && tiles(kErrInfoBody, kBodyAt, 522));
 
@@ -199,12 +224,14 @@ static_assert(tiles(kEventBody, kBodyAt, 684) && tiles(kErrInfoBody, kBodyAt, 52
 inline constexpr std::size_t kLongestRecord = kKind<'V'>.length() + sizeof(std::uint32_t);
 static_assert(kLongestRecord == 688);
 
-// The list of a transaction's texts and the record's fields must say the same.
+// The lists of a transaction's texts and the records' fields must say the same.
 #define VARN_COUNT_PAIR(name, width) +1
 inline constexpr std::size_t kServicePairs = TRAN_FIELD_LIST(VARN_COUNT_PAIR);
+inline constexpr std::size_t kPartialPairs = TRAN_PARTIAL_FIELD_LIST(VARN_COUNT_PAIR);
 #undef VARN_COUNT_PAIR
-static_assert(kServicePairs == 29);
+static_assert(kServicePairs == 29 && kPartialPairs == 20);
 static_assert(kServicePairs - kHeadPairs == kServiceBody.size() - kServiceNumbers);
+static_assert(kPartialPairs - kHeadPairs == kPartialBody.size() - kServiceNumbers);
 static_assert(kServiceBody[kPairChnlTypCd - kHeadPairs + kServiceNumbers].at == kChnlTypCd.at);
 
 }  // namespace varn

@@ -159,8 +159,9 @@ bool is_main_thread() { return gettid() == getpid(); }
   TRAN_DONE();
 }
 
+bool is_configured() { return std::getenv("TRAN_AGT_CFG_FILE") != nullptr; }
+
 bool start_agent() {
-  if (std::getenv("TRAN_AGT_CFG_FILE") == nullptr) return false;
   const int rc = TRAN_INIT();
   if (rc != TRAN_RC_OK)
     std::fprintf(stderr, "varn: %s is not traced, TRAN_INIT returned %d\n",
@@ -171,8 +172,9 @@ bool start_agent() {
 [[gnu::constructor]] void start_tracing() {
   const Process process = look_at_process();
   if (!process.instrumented || are_hooks_the_programs_own()) return;
+  if (!process.uses_libvarn && !is_configured()) return;
+  name_functions();  // before the agent starts a thread: with more than one, each name costs more
   if (!process.uses_libvarn && !start_agent()) return;
-  name_functions();
   forward_hooks();
   if (process.uses_libvarn) return;
   open_calls = 0;
