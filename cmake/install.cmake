@@ -5,7 +5,7 @@ include(CMakePackageConfigHelpers)
 set(varn_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/varn)
 
 install(TARGETS varn EXPORT varnTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES include/varn/tran.h include/varn/tran.hpp
+install(FILES include/varn/sttl.h include/varn/tran.h include/varn/tran.hpp
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/varn)
 install(EXPORT varnTargets NAMESPACE varn:: DESTINATION ${varn_package_dir})
 if(VARN_TOOL)

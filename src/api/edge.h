@@ -8,8 +8,9 @@
 
 #define VARN_PAIR_VIEW(name, width) ::varn::Text{name, name##_len},
 
-// The 29 pairs of a transaction.
+// The 29 pairs of a transaction, and the 20 of a partial one.
 #define VARN_FIELD_VIEWS TRAN_FIELD_LIST(VARN_PAIR_VIEW)
+#define VARN_PARTIAL_FIELD_VIEWS TRAN_PARTIAL_FIELD_LIST(VARN_PAIR_VIEW)
 
 // The seven pairs that every record call begins with.
 #define VARN_HEAD_VIEWS                                                                 \

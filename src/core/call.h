@@ -64,13 +64,24 @@ class [[nodiscard]] Call {
     return get_mtr_cxt_var(announced_.caller(), tid, out);
   }
 
-  // What `work` returns of the context, or why it was not reached.
+  // What `work` returns of the context, or why it was not reached. The calls that open a service
+  // give their name: that they found no context is told in the log.
   template <typename Work>
-  int in_context(int tid, Work work) {
+  int in_context(int tid, Work work, const char* opening = nullptr) {
     if (code_ != TRAN_RC_OK) return code_;
     MTR_CXT_VAR* var = nullptr;
-    if (const int rc = find_context(tid, &var); rc != 0) return rc;
+    if (const int rc = find_context(tid, &var); rc != 0) [[unlikely]] {
+      if (opening != nullptr) log_no_context(opening, rc, tid);
+      return rc;
+    }
     return work(*var);
+  }
+
+  // The same of one of several records that a call sends, admitted for its own kind.
+  template <typename Work>
+  int step(const RecordKind& kind, int tid, Work work, const char* opening = nullptr) {
+    if (const int rc = admit(kind.log_flag); rc != 0) return rc;
+    return in_context(tid, work, opening);
   }
 
  private:

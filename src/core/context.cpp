@@ -287,6 +287,10 @@ std::uint64_t get_tid(const Caller& caller, int tid) {
   return TRAN_RC_OK;
 }
 
+void log_no_context(const char* call, int rc, int tid) {
+  VARN_LOG_LIMITED("<!> %s get_mtr_cxt_var error, return code %d, tid %d", call, rc, tid);
+}
+
 void log_foreign_entry(const MTR_CXT_VAR& var) {
   const PTRC_HASH_ENT& ptrc = *var.ptrc;
   VARN_LOG_LIMITED(

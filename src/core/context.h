@@ -21,6 +21,9 @@ std::uint64_t get_tid(const Caller& caller, int tid);
 [[gnu::cold]] int search_context(Caller& caller, int tid, MTR_CXT_VAR** out);
 [[gnu::cold]] void log_foreign_entry(const MTR_CXT_VAR& var);
 
+// Tells the log that a call found no context.
+[[gnu::cold]] void log_no_context(const char* call, int rc, int tid);
+
 // Finds or claims the context: 0, or 103, 107 or 116.
 inline int get_mtr_cxt_var(Caller& caller, int tid, MTR_CXT_VAR** out) {
   if (!is_started()) return TRAN_RC_NOT_STARTED;

@@ -33,10 +33,10 @@ Text given_or_level_gid(Text gid, const SvcLevel* level) {
 
 int trace_info(MTR_CXT_VAR& var, Pairs pairs) {
   const SvcLevel* const level = current_level(var);
-  Text svc_id = pairs[kPairSvcId];
+  Text svc_id = pairs[kPair_svc_id];
   if (!svc_id.given()) {
     if (level == nullptr) {
-      const std::string_view gid = printable(pairs[kPairGid], kLoggedGid);
+      const std::string_view gid = printable(pairs[kPair_gid], kLoggedGid);
       VARN_LOG_LIMITED(
           "<!> INFO service_depth error!(val:%d (MAX:%d)), GID-PID-TID |%.*s|-|%d|-|%lu|",
           var.svc_depth, kMaxSvcDepth, static_cast<int>(gid.size()), gid.data(), var.pid, var.tid);
@@ -45,20 +45,21 @@ int trace_info(MTR_CXT_VAR& var, Pairs pairs) {
     svc_id = Text::of(level->svc_id);
   }
   if (const int rc = trace_validate(var, 'I', kInfoApi, var.rec, svc_id, {}); rc != 0) return rc;
-  return send_notice<'I', kInfoBody>(var, pairs, given_or_level_gid(pairs[kPairGid], level));
+  return send_notice<'I', kInfoBody>(var, pairs, given_or_level_gid(pairs[kPair_gid], level));
 }
 
 int trace_info_ex(MTR_CXT_VAR& var, Pairs pairs) {
-  if (const int rc = trace_validate(var, 'X', kInfoExApi, var.rec, pairs[kPairSvcId], {}); rc != 0)
+  if (const int rc = trace_validate(var, 'X', kInfoExApi, var.rec, pairs[kPair_svc_id], {});
+      rc != 0)
     return rc;
   return send_notice<'X', kInfoExBody>(var, pairs,
-                                       given_or_level_gid(pairs[kPairGid], current_level(var)));
+                                       given_or_level_gid(pairs[kPair_gid], current_level(var)));
 }
 
 int trace_event(MTR_CXT_VAR& var, Pairs pairs) {
-  if (const int rc = trace_validate(var, 'V', kEventApi, var.rec, pairs[kPairSvcId], {}); rc != 0)
+  if (const int rc = trace_validate(var, 'V', kEventApi, var.rec, pairs[kPair_svc_id], {}); rc != 0)
     return rc;
-  return send_notice<'V', kEventBody>(var, pairs, pairs[kPairGid]);
+  return send_notice<'V', kEventBody>(var, pairs, pairs[kPair_gid]);
 }
 
 int trace_errinfo(MTR_CXT_VAR& var, Pairs pairs) {
@@ -73,8 +74,8 @@ int trace_errinfo(MTR_CXT_VAR& var, Pairs pairs) {
 int emit_info(MTR_CXT_VAR& var, Text gid, Text svc_id, Text message) {
   if (const int rc = admit(kKind<'I'>.log_flag); rc != 0) return rc;
   Text pairs[kHeadPairs + 1];
-  pairs[kPairGid] = gid;
-  pairs[kPairSvcId] = svc_id;
+  pairs[kPair_gid] = gid;
+  pairs[kPair_svc_id] = svc_id;
   pairs[kHeadPairs] = message;
   return trace_info(var, pairs);
 }

@@ -67,12 +67,12 @@ void put_header(const MTR_CXT_VAR& var, TRAN_LOGF_QUE_DATA& record, const Record
   };
   char* const view = record.view;
   view[kRecType.at] = kind.rec_type;
-  put_field<kHdrCd>(view, head[kPairHdrCd]);
-  put_field<kHdrFlag>(view, head[kPairHdrFlag]);
+  put_field<kHdrCd>(view, head[kPair_hdr_cd]);
+  put_field<kHdrFlag>(view, head[kPair_hdr_flag]);
   put_field<kGid>(view, gid);
-  put_field<kPid>(view, given_or(kPairPidStr, Text::of(var.pid_txt)));
-  put_field<kDate>(view, given_or(kPairDateStr, Text::of(stamp.date)));
-  put_field<kTime>(view, given_or(kPairTimeStr, Text::of(stamp.time)));
+  put_field<kPid>(view, given_or(kPair_pid_str, Text::of(var.pid_txt)));
+  put_field<kDate>(view, given_or(kPair_date_str, Text::of(stamp.date)));
+  put_field<kTime>(view, given_or(kPair_time_str, Text::of(stamp.time)));
 }
 
 void close_record(MTR_CXT_VAR& var, const RecordKind& kind) {

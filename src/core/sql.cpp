@@ -35,8 +35,8 @@ int statement_length(const char* text) {
 
 void begin_batch(MTR_CXT_VAR& var, const SvcLevel& level, const Statement& statement) {
   Text head[kHeadPairs];
-  head[kPairDateStr] = statement.date_str;
-  head[kPairTimeStr] = statement.time_str;
+  head[kPair_date_str] = statement.date_str;
+  head[kPair_time_str] = statement.time_str;
   const TimeVal current = now();
   put_header(var, var.rec2, kKind<'Q'>, head, Text::of(level.gid),
              local_stamp(var.stamp, current.sec, current.usec));

@@ -13,6 +13,8 @@
 #include "core/gvar.h"
 #include "core/tran_ex.h"
 #include "layout/config_keys.h"
+#include "tong/th_job.h"
+#include "tong/tong.h"
 #include "util/log_printf.h"
 #include "util/msgq.h"
 #include "util/readcfg.h"
@@ -27,18 +29,25 @@ constexpr std::int64_t kMostKey = std::numeric_limits<key_t>::max();
 constexpr char kLogTitle[] = "libvarn";
 constexpr int kMostLogHome = 240;  // so that the log's directory below it still fits
 
+constexpr std::int64_t kTongBudgetMb = 512;
+constexpr std::int64_t kMostTongBudgetMb = 1 << 20;
+
 // What a row of the table below does with its key's value: 0, or the code that ends the start.
 using Take = int (*)(const ConfigKey& key, const char* value);
 
-bool parse_number(const ConfigKey& key, const char* value, std::int64_t least, std::int64_t most,
-                  std::int64_t* out) {
+bool to_number(const char* text, std::int64_t least, std::int64_t most, std::int64_t* out) {
   char* end = nullptr;
   errno = 0;
-  const long long number = std::strtoll(value, &end, 10);
-  if (end != value && *end == '\0' && errno == 0 && number >= least && number <= most) {
-    *out = number;
-    return true;
-  }
+  const long long number = std::strtoll(text, &end, 10);
+  const bool is_good =
+      end != text && *end == '\0' && errno == 0 && number >= least && number <= most;
+  if (is_good) *out = number;
+  return is_good;
+}
+
+bool parse_number(const ConfigKey& key, const char* value, std::int64_t least, std::int64_t most,
+                  std::int64_t* out) {
+  if (to_number(value, least, most, out)) return true;
   log_printf("<!> tran_init fail, [%s] is not a number from %ld to %ld : %s", key.key, least, most,
              value);
   return false;
@@ -293,6 +302,22 @@ bool read_host_name() {
   return true;
 }
 
+// Bytes that queued telegrams may take.
+std::int64_t tong_budget() {
+  std::int64_t megabytes = kTongBudgetMb;
+  const char* const value = secure_getenv("VARN_TONG_BUDGET_MB");
+  if (value != nullptr && !to_number(value, 1, kMostTongBudgetMb, &megabytes))
+    log_printf("<!> VARN_TONG_BUDGET_MB is not a number from 1 to %ld : %s, it counts as %ld",
+               kMostTongBudgetMb, value, megabytes);
+  return megabytes << 20;
+}
+
+bool set_up_tong() {
+  return has_th_job_ended() && open_tong({gvar.que_info, gvar.host_name, tong_log_home_dir,
+                                          gvar.cont_nm[0] != '\0' ? gvar.cont_nm : gvar.proc_nm,
+                                          gvar.pid, tong_budget()});
+}
+
 }  // namespace
 
 void set_proc_nm(char* proc_nm, char* cont_nm, std::int32_t pid) {
@@ -326,6 +351,10 @@ int tran_init() {
   if (const int rc = read_configuration(secure_getenv("TRAN_AGT_CFG_FILE")); rc != 0) return rc;
   if (!read_host_name()) {
     log_printf("<!> tran_init fail, gethostname() error");
+    return kFailed;
+  }
+  if (!set_up_tong()) {
+    log_printf("<!> tran_init fail, create tong log deffered que create fail.");
     return kFailed;
   }
   return 0;

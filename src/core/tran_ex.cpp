@@ -13,6 +13,8 @@
 #include "core/context.h"
 #include "core/notice.h"
 #include "core/start_up.h"
+#include "tong/th_job.h"
+#include "tong/tong.h"
 #include "util/cancel_guard.h"
 #include "util/console.h"
 #include "util/errno_guard.h"
@@ -62,6 +64,8 @@ void after_fork_in_child() {
   pthread_mutex_init(&main_lock, nullptr);
   forget_contexts();
   forget_log();
+  forget_th_job();
+  forget_tong();
   if (inside_a_call) {
     // A fork from a signal handler inside a call returns into that call: what it works on stays.
     my_caller->kernel_tid.store(gettid(), std::memory_order_relaxed);
@@ -131,6 +135,7 @@ int start_locked(Caller& caller) {
     log_printf("<!> TRAN_INIT get_mtr_cxt_var error, return code %d", claimed);
     return fail_start(claimed);
   }
+  start_th_job();
   log_start();
   if (jni_init_flag == 0) {
     announce_process(*var);
@@ -157,9 +162,18 @@ int detach_all() {
   return 0;
 }
 
+void stop_tong() {
+  stop_th_job();
+  const TongCounts counts = tong_counts();
+  if (counts.written + counts.dropped > 0)
+    log_printf("(I) tong log: %ld written, %ld dropped", counts.written, counts.dropped);
+}
+
 // Once no thread is inside a call: 0, or negative when something stays attached for the next start.
 int release_all(const Caller& self) {
-  if (!wait_for_callers(&self, kDrainWaitMs)) {
+  const bool have_left = wait_for_callers(&self, kDrainWaitMs);
+  stop_tong();
+  if (!have_left) {
     log_printf("<!> a traced call is still under way, nothing is detached");
     return -1;
   }

@@ -10,8 +10,9 @@ namespace varn {
 struct ConfigKey {
   const char* section;
   const char* key;
-  const char* sample;   // value in the sample file
-  const char* comment;  // what it means, in a line or more
+  const char* sample;        // value in the sample file
+  const char* comment;       // what it means, in a line or more
+  bool is_optional = false;  // a file may lack it, and then means the sample
 };
 
 // clang-format off
@@ -37,6 +38,8 @@ inline constexpr ConfigKey kQueCnt{"TRAN_LOGF", "QUE_CNT", "4",
 inline constexpr ConfigKey kTranLogFlagSet{"TRAN_LOGF", "TRAN_LOG_FLAG_SET", "SEVBCIXQ",
     "Record kinds switched on: S service start and end, E errors, V events, B database calls,\n"
     "C business calls, I information, X extended information, Q SQL."};
+inline constexpr ConfigKey kTongLogFlag{"TRAN_LOGF", "TONG_LOG_FLAG", "0",
+    "1: whole telegrams are logged in TONG_LOG_HOME; 0, or no such line: they are not.", true};
 inline constexpr ConfigKey kFstErrRcSet{"TRAN_LOGF", "FST_ERR_RC_SET", "128,1",
     "Up to 16 values CODE,CLASS. A call that returns a negative code of class 1 is recorded\n"
     "however short it was, of class 2 together with its callers. 128 stands for all codes."};
@@ -73,11 +76,12 @@ inline constexpr std::array kConfigKeys{
     kLogHome,           kTongLogHome,       kLogInterface,
     kTrSection,         kIdleThreadRelease, kInfiniteLoopBaseCnt,
     kMaxQueCnt,         kWriteQueIdxGidRng, kQueCnt,
-    kTranLogFlagSet,    kFstErrRcSet,       kSvcFiltering,
-    kCallTrcDepth,      kCallTrcLimit,      kDbioTrcLimit,
-    kSqlTrcLimit,       kQueInfoShmKey,     kSvcHashTblShmKey,
-    kPtrcHashTblShmKey, kSvcHashTblSemKey,  kPtrcHashTblSemKey,
-    kTranLogfMsgqKey,   kDbioFunc,          kDefaultTimeoutSec,
+    kTranLogFlagSet,    kTongLogFlag,       kFstErrRcSet,
+    kSvcFiltering,      kCallTrcDepth,      kCallTrcLimit,
+    kDbioTrcLimit,      kSqlTrcLimit,       kQueInfoShmKey,
+    kSvcHashTblShmKey,  kPtrcHashTblShmKey, kSvcHashTblSemKey,
+    kPtrcHashTblSemKey, kTranLogfMsgqKey,   kDbioFunc,
+    kDefaultTimeoutSec,
 };
 
 }  // namespace varn

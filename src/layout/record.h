@@ -148,18 +148,17 @@ inline constexpr std::array kErrInfoBody{
 };
 // clang-format on
 
-// Places of the pairs in a call's list of texts: seven for the header, then the record's own.
+// Places of the pairs in a call's list of texts, named as in TRAN_FIELD_LIST: seven for the header
+// of every record, then the record's own.
+// clang-format off
+#define VARN_PAIR_PLACE(name, width) kPair_##name,
 enum Pair : std::size_t {
-  kPairHdrCd,
-  kPairHdrFlag,
-  kPairGid,
-  kPairSvcId,
-  kPairPidStr,
-  kPairDateStr,
-  kPairTimeStr,
-  kHeadPairs,
-  kPairChnlTypCd = 9,  // of a transaction
+  TRAN_FIELD_LIST(VARN_PAIR_PLACE)
+  kServicePairs,
+  kHeadPairs = kPair_time_str + 1,
 };
+#undef VARN_PAIR_PLACE
+// clang-format on
 inline constexpr std::size_t kServiceNumbers =
     3;  // body fields that no pair fills: elapsed to depth
 
@@ -226,12 +225,16 @@ static_assert(kLongestRecord == 688);
 
 // The lists of a transaction's texts and the records' fields must say the same.
 #define VARN_COUNT_PAIR(name, width) +1
-inline constexpr std::size_t kServicePairs = TRAN_FIELD_LIST(VARN_COUNT_PAIR);
 inline constexpr std::size_t kPartialPairs = TRAN_PARTIAL_FIELD_LIST(VARN_COUNT_PAIR);
 #undef VARN_COUNT_PAIR
-static_assert(kServicePairs == 29 && kPartialPairs == 20);
+static_assert(kHeadPairs == 7 && kServicePairs == 29 && kPartialPairs == 20);
 static_assert(kServicePairs - kHeadPairs == kServiceBody.size() - kServiceNumbers);
 static_assert(kPartialPairs - kHeadPairs == kPartialBody.size() - kServiceNumbers);
-static_assert(kServiceBody[kPairChnlTypCd - kHeadPairs + kServiceNumbers].at == kChnlTypCd.at);
+
+// The record's field that a pair behind the header's fills.
+constexpr const Field& field_of_pair(Pair pair) {
+  return kServiceBody[pair - kHeadPairs + kServiceNumbers];
+}
+static_assert(field_of_pair(kPair_chnl_typ_cd).at == kChnlTypCd.at);
 
 }  // namespace varn

@@ -1,15 +1,14 @@
 #include "util/log_printf.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 
+#include "util/append_file.h"
 #include "util/cancel_guard.h"
 #include "util/errno_guard.h"
 
@@ -20,10 +19,8 @@ constexpr std::size_t kMostMessage = 4095;
 constexpr std::size_t kMostPrefix = 64;
 
 struct LogState {
-  std::atomic<int> fd{-1};
-  std::atomic<int> cur_day{-1};  // day of the year of the open file
-  std::atomic<dev_t> device{0};  // of the open file, as the next
-  std::atomic<ino_t> inode{0};
+  AppendFile file;
+  std::atomic<int> cur_day{-1};        // day of the year of the open file
   std::atomic<bool> switching{false};  // one thread at a time switches the file
   char log_dir[256] = {};
   char log_title[256] = {};
@@ -50,48 +47,11 @@ void get_cur_time(char (&time_str)[32]) {
   std::strftime(time_str, sizeof time_str, "%m-%d %T  ", &local);
 }
 
-void remember_file(int fd) {
-  struct stat file = {};
-  fstat(fd, &file);
-  log_state.device.store(file.st_dev);
-  log_state.inode.store(file.st_ino);
-}
-
-// A host that closes descriptors it does not know, as daemons do, may have the number in use for a
-// file of its own: then it is no longer the log's.
-bool is_still_ours(int fd) {
-  struct stat file = {};
-  return fd >= 0 && fstat(fd, &file) == 0 && file.st_dev == log_state.device.load() &&
-         file.st_ino == log_state.inode.load();
-}
-
 // While another thread switches the file, the number stands for the old or the new one.
 bool may_write(int fd) {
-  return is_still_ours(fd) || (fd >= 0 && log_state.switching.load()) || is_still_ours(fd);
-}
-
-// Never one of the three numbers that the host's console has or may have again.
-int away_from_console(int fd) {
-  if (fd < 0 || fd > STDERR_FILENO) return fd;
-  const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-  close(fd);
-  return moved;
-}
-
-// The process's file-creation mask is the host's: changing it, even for a moment, would show in
-// files that other threads create. So a file that is new gets its permissions afterwards.
-int open_appending(const char* path, unsigned mask) {
-  for (int tries = 0; tries < 2; ++tries) {
-    int fd = open(path, O_RDWR | O_APPEND | O_CLOEXEC);
-    if (fd >= 0 || errno != ENOENT) return fd;
-    fd = open(path, O_RDWR | O_APPEND | O_CLOEXEC | O_CREAT | O_EXCL, 0666);
-    if (fd >= 0) {
-      fchmod(fd, 0666 & ~mask);
-      return fd;
-    }
-    if (errno != EEXIST) return -1;
-  }
-  return -1;
+  const AppendFile& file = log_state.file;
+  return is_still_ours(file, fd) || (fd >= 0 && log_state.switching.load()) ||
+         is_still_ours(file, fd);
 }
 
 int open_days_file(unsigned mask) {
@@ -99,7 +59,7 @@ int open_days_file(unsigned mask) {
   get_cur_date(date);
   char path[sizeof log_state.log_dir + sizeof log_state.log_title + 64];
   std::snprintf(path, sizeof path, "%s/%s-%s-log", log_state.log_dir, log_state.log_title, date);
-  return away_from_console(open_appending(path, mask));
+  return open_appending(path, mask);
 }
 
 // False for a name that does not fit: a shortened path is another path.
@@ -114,12 +74,13 @@ bool put_name(char (&place)[256], const char* name) {
 // number in one step; where there is no new file, messages are dropped until the next change of
 // day.
 void switch_file() {
-  const int old_fd = is_still_ours(log_state.fd.load()) ? log_state.fd.load() : -1;
+  AppendFile& file = log_state.file;
+  const int old_fd = is_still_ours(file, file.fd.load()) ? file.fd.load() : -1;
   int new_fd = open_days_file(0);
   if (old_fd >= 0 && new_fd < 0) new_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  if (new_fd >= 0) remember_file(new_fd);
+  if (new_fd >= 0) remember_file(file, new_fd);
   if (old_fd < 0) {
-    log_state.fd.store(new_fd);
+    file.fd.store(new_fd);
   } else if (new_fd >= 0) {
     dup3(new_fd, old_fd, O_CLOEXEC);
     close(new_fd);
@@ -129,19 +90,16 @@ void switch_file() {
 }  // namespace
 
 int open_log(const char* dir, const char* title, unsigned mask) {
-  if (log_state.fd.load() >= 0) return 0;
+  if (log_state.file.fd.load() >= 0) return 0;
   if (!put_name(log_state.log_dir, dir) || !put_name(log_state.log_title, title)) return -1;
   if (log_state.log_dir[0] == '\0') return -1;
   const int fd = open_days_file(mask);
-  if (fd >= 0) remember_file(fd);
-  log_state.fd.store(fd);
+  if (fd >= 0) remember_file(log_state.file, fd);
+  log_state.file.fd.store(fd);
   return fd >= 0 ? 0 : -1;
 }
 
-void close_log() {
-  const int fd = log_state.fd.exchange(-1);
-  if (is_still_ours(fd)) close(fd);
-}
+void close_log() { close_file(log_state.file); }
 
 void forget_log() {
   close_log();
@@ -168,7 +126,7 @@ int log_printf(const char* format, ...) {
 
   const CancelGuard not_cancelled;
   check_day();
-  const int fd = log_state.fd.load();
+  const int fd = log_state.file.fd.load();
   if (!may_write(fd)) return 0;
 
   char stamp[32];

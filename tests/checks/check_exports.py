@@ -1,4 +1,4 @@
-"""The library exports what its header declares and its version script lists, and is a quiet guest.
+"""The library exports what its headers declare and its version script lists, and is a quiet guest.
 
 Usage: check_exports.py ROOT LIBRARY NM READELF
 """
@@ -26,10 +26,12 @@ def run(*command):
     return subprocess.run(command, check=True, capture_output=True, text=True).stdout
 
 
-def declared(header):
-    text = re.sub(r"/\*.*?\*/", "", header.read_text("utf-8"), flags=re.S)
+def declared(include):
+    """The calls of tran.h, and the rows of the table in sttl.h, each of which is an object."""
+    text = re.sub(r"/\*.*?\*/", "", (include / "tran.h").read_text("utf-8"), flags=re.S)
     text = re.sub(r"^[ \t]*#(?:.*\\\n)*.*$", "", text, flags=re.M)
-    return set(re.findall(r"\bVARN_API\b[^;(\[]*?(\w+)\s*[(\[;]", text))
+    calls = set(re.findall(r"\bVARN_API\b[^;(\[]*?(\w+)\s*[(\[;]", text))
+    return calls | set(re.findall(r"^\s*X\((_\w+),", (include / "sttl.h").read_text("utf-8"), re.M))
 
 
 def listed(version_script):
@@ -74,11 +76,11 @@ def guest_faults(readelf, library, exports):
 
 
 def faults(root, library, nm, readelf):
-    header = declared(root / "include/varn/tran.h")
+    header = declared(root / "include/varn")
     script = listed(root / "cmake/varn.map")
     if not header:
-        yield "no prototypes found in the header"
-    yield from differences("tran.h", header, "varn.map", {name for name, _ in script})
+        yield "no prototypes found in the headers"
+    yield from differences("the headers", header, "varn.map", {name for name, _ in script})
     built = exported(nm, library)
     yield from differences("varn.map", script, "the library", built)
     yield from guest_faults(readelf, library, {name for name, _ in built})

@@ -12,6 +12,7 @@ import sys
 STRICT = ["-fsyntax-only", "-Wall", "-Wextra", "-Werror"]
 PUBLIC = {
     "varn/tran.h": ("c99", "c++98", "c++20"),
+    "varn/sttl.h": ("c99", "c++98", "c++20"),
     "varn/tran.hpp": ("c++17", "c++20"),
 }
 

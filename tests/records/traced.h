@@ -29,6 +29,10 @@ struct ServiceArgs {
   TRAN_FIELD_LIST(VARN_TEST_MEMBER)
 };
 
+struct PartialArgs {
+  TRAN_PARTIAL_FIELD_LIST(VARN_TEST_MEMBER)
+};
+
 struct NoticeArgs {
   Arg hdr_cd = {}, hdr_flag = {}, gid = {}, svc_id = {}, pid_str = {}, date_str = {}, time_str = {};
   Arg code = {}, recv_svc_cd = {}, chnl_class = {}, message = {};
@@ -53,6 +57,27 @@ inline int end(const ServiceArgs& args, int thread = kThread) {
 }
 inline int error(const ServiceArgs& args, int thread = kThread) {
   return TRAN_ERROR(thread TRAN_FIELD_LIST(VARN_TEST_PAIR));
+}
+inline int clh_start(const ServiceArgs& args, int thread = kThread) {
+  return TRAN_CLH_START(thread TRAN_FIELD_LIST(VARN_TEST_PAIR));
+}
+inline int clh_end(const ServiceArgs& args, int thread = kThread) {
+  return TRAN_CLH_END(thread TRAN_FIELD_LIST(VARN_TEST_PAIR));
+}
+inline int clh_error(const ServiceArgs& args, int thread = kThread) {
+  return TRAN_CLH_ERROR(thread TRAN_FIELD_LIST(VARN_TEST_PAIR));
+}
+inline int pt_start(const PartialArgs& args, int thread = kThread) {
+  return TRAN_PT_START(thread TRAN_PARTIAL_FIELD_LIST(VARN_TEST_PAIR));
+}
+inline int pt_end(const PartialArgs& args, int thread = kThread) {
+  return TRAN_PT_END(thread TRAN_PARTIAL_FIELD_LIST(VARN_TEST_PAIR));
+}
+inline int web_start(const PartialArgs& args, int thread = kThread) {
+  return TRAN_WEB_START(thread TRAN_PARTIAL_FIELD_LIST(VARN_TEST_PAIR));
+}
+inline int web_end(const PartialArgs& args, int thread = kThread) {
+  return TRAN_WEB_END(thread TRAN_PARTIAL_FIELD_LIST(VARN_TEST_PAIR));
 }
 inline int info(const NoticeArgs& args, int thread = kThread) {
   return TRAN_INFO(VARN_TEST_HEAD, args.message.text, args.message.len);

@@ -182,7 +182,7 @@ std::string text_of(const Record& record, const Field& field) {
 }
 
 std::string body_field(const Record& record, std::string_view name) {
-  const RecordKind* const kind = record_kind(type_of(record));
+  const RecordKind* const kind = record_kind(type_of(record), record.length);
   if (kind == nullptr) throw std::invalid_argument("no such record type");
   for (const Field& field : kind->body)
     if (field.name == name) return text_of(record, field);
