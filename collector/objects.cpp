@@ -297,6 +297,7 @@ void write_tuning(TRAN_LOGF_QUE_INFO& info, const CollectorSettings& settings) {
   store(info.que_cnt, static_cast<std::int32_t>(settings.que_cnt));
   store(info.que_mask, static_cast<std::uint32_t>(settings.que_cnt - 1));
   store(info.log_flag_set, settings.log_flag_set);
+  store(info.tong_log_flag, settings.tong_log_flag == 1 ? '1' : '0');
   for (std::size_t i = 0; i < std::size(info.fst_err_rc_set); ++i)
     store(info.fst_err_rc_set[i], settings.fst_err_rc_set[i]);
   store(info.call_trc_depth, static_cast<std::uint32_t>(settings.call_trc_depth));

@@ -3,6 +3,7 @@
 #include <bit>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -31,6 +32,7 @@ constexpr std::int64_t kLongest = std::numeric_limits<std::int64_t>::max();
 constexpr NumberKey kNumberKeys[] = {
     {kMaxQueCnt, &CollectorSettings::max_que_cnt, 1, kMaxQueues},
     {kQueCnt, &CollectorSettings::que_cnt, 1, kMaxQueues},
+    {kTongLogFlag, &CollectorSettings::tong_log_flag, 0, 1},
     {kSvcFiltering, &CollectorSettings::svc_filtering, 0, 2},
     {kCallTrcDepth, &CollectorSettings::call_trc_depth, 0, 127},
     {kCallTrcLimit, &CollectorSettings::call_trc_limit, 0, kLongest},
@@ -87,7 +89,24 @@ struct ConfigFile {
     return false;
   }
 
+  // Quietly, which reading the key is not.
+  bool lacks(const ConfigKey& key) const {
+    std::ifstream file(path);
+    bool is_section = false;
+    for (std::string line, word; std::getline(file, line);) {
+      if (line.starts_with('[')) is_section = line.find(key.section) != std::string::npos;
+      if (is_section && std::istringstream(line) >> word && word == key.key) return false;
+    }
+    return true;
+  }
+
   bool read(const ConfigKey& key, ConfigValue& value) {
+    if (key.is_optional && lacks(key)) {
+      value.count = 1;
+      value.line = 0;
+      std::snprintf(value.token[0], sizeof value.token[0], "%s", key.sample);
+      return true;
+    }
     if (get_tokens_in_file_section(path.c_str(), key.section, key.key, &value) == 1) return true;
     return refuse(key, 0, "is missing or cannot be read");
   }
@@ -200,6 +219,11 @@ std::string agent_log_dir(const CollectorSettings& settings, const std::string& 
   const std::string home =
       settings.log_home.starts_with('/') ? settings.log_home : agt_home + "/" + settings.log_home;
   return home + "/proc/libvarn";
+}
+
+std::string tong_log_dir(const CollectorSettings& settings) {
+  const std::string& home = settings.tong_log_home;
+  return home.starts_with('/') ? home : "/" + home;
 }
 
 }  // namespace varn

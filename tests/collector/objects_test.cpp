@@ -80,6 +80,8 @@ TEST_F(Objects, NeedAFileThatSaysAllOfThemAndNothingElse) {
       {kQueCnt, "4x", "is \"4x\", which is not a decimal number"},
       {kMaxQueCnt, "17", "is 17, which is not within 1 to 16"},
       {kMaxQueCnt, "", "has no value"},
+      {kTongLogFlag, "2", "is 2, which is not within 0 to 1"},
+      {kTongLogFlag, "", "has no value"},
       {kCallTrcDepth, "128", "is 128, which is not within 0 to 127"},
       {kCallTrcLimit, "-1", "is -1, which is not within 0 to"},
       {kSqlTrcLimit, "99999999999999999999", "is 99999999999999999999, which is not within 0 to"},
@@ -103,8 +105,9 @@ TEST_F(Objects, NeedAFileThatSaysAllOfThemAndNothingElse) {
     text.insert(text.find("\n" + std::string(key.key) + " ") + 1, "#");
     test::write_file(path_, text);
     ConfigValues values;
-    EXPECT_FALSE(read_config_values(path_, values, error_));
-    told(key, "is missing");
+    EXPECT_EQ(read_config_values(path_, values, error_), key.is_optional) << key.key;
+    EXPECT_EQ(values[key.key], key.is_optional ? key.sample : "") << key.key;
+    if (!key.is_optional) told(key, "is missing");
   }
   EXPECT_FALSE(read_settings(path_ + ".absent", settings, error_));
   expect_told(".absent: No such file");
@@ -122,6 +125,7 @@ TEST_F(Objects, AreFilledOnceAndAdoptedWithCountersAndEntriesAndWiderQueues) {
   EXPECT_EQ(objects_.que_info->magic_code, kMagicReady);
   EXPECT_EQ(objects_.que_info->que_mask, 3u);
   EXPECT_EQ(objects_.que_info->log_flag_set, 0x81);
+  EXPECT_EQ(objects_.que_info->tong_log_flag, '0');
   EXPECT_EQ(objects_.que_info->fst_err_rc_set[7], 2);
   EXPECT_EQ(objects_.que_info->fst_err_rc_set[8], 0);
   EXPECT_EQ(objects_.que_info->call_trc_limit, 9'223'372'036'854'775'807u);
@@ -142,12 +146,14 @@ TEST_F(Objects, AreFilledOnceAndAdoptedWithCountersAndEntriesAndWiderQueues) {
   objects_.svc_hash_tbl->used = 1;
   --objects_.svc_hash_tbl->free_stack.count;
   settings_.que_cnt = 2;
+  settings_.tong_log_flag = 1;
   ASSERT_TRUE(create()) << error_;
   EXPECT_EQ(objects_.created, 0);
   EXPECT_EQ(objects_.que_info_shmid, before.que_info_shmid);
   EXPECT_EQ(objects_.msgq_ids, before.msgq_ids);
   EXPECT_EQ(objects_.que_info->que_fail_cnt[2], 7u);
   EXPECT_EQ(objects_.que_info->que_mask, 1u);
+  EXPECT_EQ(objects_.que_info->tong_log_flag, '1');
   EXPECT_EQ(objects_.svc_hash_tbl->free_stack.count, 9'999u);
   EXPECT_EQ(queue_records(msqid), std::min(wide, 4096L)) << "it was not widened";
 

@@ -48,6 +48,13 @@ def add_failed_sends(queue, count):
     libc.shmdt(address)
 
 
+def tong_record(gid, time, direction, telegram, length=None):
+    """As the writer of a traced process appends it."""
+    length = len(telegram) if length is None else length
+    return (gid.encode().ljust(30) + f"{time:017.6f}".replace(".", "").encode() +
+            b"apphost01      " + direction + b"%06d" % length + telegram + b"\n")
+
+
 class Tool(unittest.TestCase):
     def setUp(self):
         directory = tempfile.TemporaryDirectory()
@@ -194,6 +201,105 @@ class Tool(unittest.TestCase):
         self.config.write_text(text.replace("QUE_CNT = 4", "QUE_CNT = 3"))
         self.assertIn("[TRAN_LOGF] QUE_CNT is 3",
                       self.varn("run", "-c", self.config, "--", C_BASIC, status=125)[1])
+        self.expect_nothing_left()
+
+    def test_whole_telegrams_are_shown_paired_and_checked(self):
+        self.environment["TZ"] = "Asia/Seoul"
+        noon = 1785553200  # 2026-08-01 12:00 in Seoul
+        text = "이체 접수\n".encode("euc-kr").ljust(512)
+        look_alike = tong_record("GX", noon, b"S", b"inner") * 2
+        # G1 calls itself, and ends the next day.
+        first = (tong_record("G1", noon, b"S", text) +
+                 tong_record("G1", noon + 0.001, b"S", look_alike) +
+                 tong_record("G2", noon + 0.002, b"U", text) +
+                 tong_record("G1", noon + 0.003, b"F", text))
+        second = tong_record("G1", noon + 86400, b"F", text)
+        wrong_length = tong_record("G3", noon + 86400, b"S", text, 400)
+        whole, torn = self.home / "day1.dat", self.home / "day2.dat"
+        whole.write_bytes(first)
+        torn.write_bytes(second + wrong_length + second * 2 + first[:100])
+
+        out, err = self.varn("tong", whole)
+        self.assertEqual(err, "")
+        rows = [line.split() for line in out.splitlines()]
+        self.assertEqual(rows[0], ["2026-08-01", "12:00:00.000000", "request", "G1", "apphost01", "512"])
+        self.assertEqual([row[2:4] + row[6:] for row in rows[1:5]],
+                         [["request", "G1"], ["other", "G2"], ["response", "G1", "2.000ms"], ["----"]])
+        self.assertIn("\n  이체 접수␊", self.varn("tong", "--show", whole)[0])
+        out = self.varn("tong", "--gid", "G2", whole)[0]
+        self.assertEqual(summary(out)["records"], [1])
+        self.assertNotIn("G1", out)
+
+        damage = [(len(second), len(second)), (len(second) * 4, 100)]
+        out, err = self.varn("tong", "-q", whole, torn, status=1)
+        self.assertEqual(err, f"varn: {torn}: damaged at offset {damage[0][0]}, {damage[0][1]} bytes\n"
+                              f"varn: {torn}: torn last record at offset {damage[1][0]}, 100 bytes\n")
+        self.assertTrue(out.startswith("---- summary ----\n"))
+        self.assertEqual({label: numbers[0] for label, numbers in summary(out).items()},
+                         {"files": 2, "records": 7, "requests": 2, "responses": 4, "pairs": 2,
+                          "unanswered requests": 0, "responses without request": 2,
+                          "bytes of telegrams": 6 * 512 + len(look_alike), "shortest ms": 2,
+                          "average ms": 43200001, "longest ms": 86400000, "damaged places": 2})
+
+        out, err = self.varn("tong", "--format", "json", "--show", whole, torn, status=1)
+        lines = [json.loads(line) for line in out.splitlines()]
+        self.assertEqual([line.get("elapsed_us") for line in lines],
+                         [None, None, None, 2000, 86400_000_000] + [None] * 4)
+        self.assertEqual([(line["offset"], line["size"], line["is_tail"]) for line in lines
+                          if line["kind"] == "damage"], [(*damage[0], False), (*damage[1], True)])
+        expected = {"kind": "record", "file": str(torn), "offset": 0, "direction": "response",
+                    "time": "2026-08-02 12:00:00.000000", "time_us": (noon + 86400) * 1_000_000,
+                    "gid": "G1", "host_name": "apphost01", "length": 512,
+                    "telegram": text.decode("euc-kr").replace("\n", "␊")}
+        self.assertEqual(lines[4], expected | {"elapsed_us": 86400_000_000})
+        self.assertIn("damaged places", err)
+
+        err = self.varn("tong", self.home, self.home / "absent", whole, status=1)[1]
+        self.assertEqual(err, f"varn: cannot read {self.home}: Is a directory\n"
+                              f"varn: cannot open {self.home}/absent: No such file or directory\n")
+        self.varn("tong", status=2)
+        self.varn("tong", "--format", "tree", whole, status=2)
+
+    def test_the_oldest_of_too_many_open_requests_are_given_up(self):
+        path = self.home / "many.dat"
+        answered = tong_record("G0", 0, b"S", b"") + tong_record("G0", 0, b"F", b"")
+        path.write_bytes(answered * 3 +
+                         b"".join(tong_record(f"G{n}", n, b"S", b"") for n in range(100_002)) +
+                         tong_record("G1", 1, b"F", b"") + tong_record("G2", 3, b"F", b""))
+        counts = summary(self.varn("tong", "-q", path)[0])
+        self.assertEqual((counts["pairs"], counts["not waited for to the end"],
+                          counts["responses without request"]), ([4], [2], [1]))
+
+    def test_whole_telegrams_go_where_the_user_says(self):
+        place = self.home / "whole telegrams" / ("x" * 100)
+        script = ("grep ^TONG_LOG $TRAN_AGT_CFG_FILE; echo whole >"
+                  "$(sed -n 's/^TONG_LOG_HOME = //p' $TRAN_AGT_CFG_FILE)/file")
+        out = self.varn("run", "--tong", place, "--", "sh", "-c", script)[0]
+        self.assertRegex(out, r"^TONG_LOG_HOME = /\S{1,63}\nTONG_LOG_FLAG = 1\n")
+        self.assertEqual((place / "file").read_text(), "whole\n")
+        self.assertEqual(place.stat().st_mode & 0o7777, 0o700)
+        self.assertIn("TONG_LOG_FLAG = 0\n", self.varn("run", "--", "sh", "-c", script)[0])
+        err = self.varn("run", "--tong", place / "file", "--", "true", status=125)[1]
+        self.assertIn(f"whole telegrams cannot be kept in {place}/file: Not a directory", err)
+        self.varn("run", "--tong", "", "--", "true", status=125)
+        self.expect_nothing_left()
+
+        place = self.home / "tong"
+        self.varn("init", self.config)
+        text = self.config.read_text()
+        text = text.replace("TONG_LOG_HOME = /tmp", f"TONG_LOG_HOME = {str(place)[1:]}")
+        for flag, made in (("", False), ("TONG_LOG_FLAG = 0", False), ("TONG_LOG_FLAG = 1", True)):
+            self.config.write_text(text.replace("TONG_LOG_FLAG = 0", flag))
+            out, err = self.varn("up", "-c", self.config)
+            self.assertEqual((err, "telegrams" in out, place.exists()), ("", made, made))
+        self.assertEqual(place.stat().st_mode & 0o7777, 0o1770)
+        place.chmod(0o777)
+        self.assertIn(f"note: {place} is open to all users", self.varn("up", "-c", self.config)[0])
+        self.varn("down", "-c", self.config)
+        self.config.write_text(text.replace("TONG_LOG_FLAG = 0", "TONG_LOG_FLAG = yes"))
+        err = self.varn("up", "-c", self.config, status=1)[1]
+        self.assertRegex(err, r'varn\.cfg:\d+: \[TRAN_LOGF\] TONG_LOG_FLAG is "yes", which is not a '
+                              r"decimal number")
         self.expect_nothing_left()
 
     def test_run_shows_the_whole_of_a_program(self):

@@ -30,6 +30,7 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape): out of 
   varn::add_down(app, status);
   varn::add_collect(app, status);
   varn::add_run(app, command, status);
+  varn::add_tong(app, status);
   try {
     app.parse(static_cast<int>(own_end - argv), argv);
   } catch (const CLI::ParseError& error) {

@@ -28,22 +28,39 @@ constexpr std::size_t kMostFaultLines = 5;
 
 struct RunOptions {
   std::string config;  // empty: the sample values
+  std::string tong;    // directory for whole telegrams; empty: none are logged
   bool functions = false;
   OutputOptions output{.format = "tree"};
 };
 
+// Telegrams hold customers' data: a new directory is this user's alone.
+std::string made_tong_dir(const std::string& dir) {
+  std::error_code fault;
+  if (std::filesystem::create_directories(dir, fault))
+    std::filesystem::permissions(dir, std::filesystem::perms::owner_all, fault);
+  if (!fault && access(dir.c_str(), W_OK | X_OK) != 0) fault.assign(errno, std::generic_category());
+  if (fault) throw Failure("whole telegrams cannot be kept in " + dir + ": " + fault.message());
+  return std::filesystem::absolute(dir);
+}
+
 using Variables = std::vector<std::pair<std::string, std::string>>;
 
-// A directory of the run's own, with the configuration file and the log directories.
+// A directory of the run's own, with the configuration file, the log directory and the way to that
+// of whole telegrams, which keeps its name short and free of blanks.
 struct Home {
   std::string dir;
 
-  Home() {
+  explicit Home(const std::string& tong) {
+    const std::string target = tong.empty() ? "" : made_tong_dir(tong);
     const char* const tmpdir = std::getenv("TMPDIR");
     if (!make_under(tmpdir != nullptr && *tmpdir == '/' ? tmpdir : "/tmp") && !make_under("/tmp"))
       throw Failure(std::string("cannot make a temporary directory: ") + std::strerror(errno));
     std::filesystem::create_directories(log_dir());
-    std::filesystem::create_directory(tong_dir());
+    if (target.empty()) {
+      std::filesystem::create_directory(tong_dir());
+    } else {
+      std::filesystem::create_symlink(target, tong_dir());
+    }
   }
   ~Home() {
     std::error_code ignored;
@@ -71,11 +88,11 @@ struct PrivateObjects {
   CollectorSettings settings;
   SharedObjects objects;
 
-  explicit PrivateObjects(const std::string& config) {
+  PrivateObjects(const std::string& config, bool tong_log) {
     std::string error;
-    if (!read_settings(config, settings, error) ||
-        !create_private_objects(settings, objects, error))
-      throw Failure(error);
+    if (!read_settings(config, settings, error)) throw Failure(error);
+    settings.tong_log_flag = tong_log ? 1 : 0;
+    if (!create_private_objects(settings, objects, error)) throw Failure(error);
   }
   ~PrivateObjects() {
     detach_objects(objects);
@@ -97,6 +114,7 @@ void write_config(const std::string& path, const ConfigValues& values) {
 ConfigValues values_for(const CollectorSettings& settings, const Home& home, ConfigValues values) {
   values[kLogHome.key] = "log";
   values[kTongLogHome.key] = home.tong_dir();
+  values[kTongLogFlag.key] = std::to_string(settings.tong_log_flag);
   values[kQueInfoShmKey.key] = std::to_string(settings.que_info_shmkey);
   values[kSvcHashTblShmKey.key] = std::to_string(settings.svc_hash_tbl_shmkey);
   values[kPtrcHashTblShmKey.key] = std::to_string(settings.ptrc_hash_tbl_shmkey);
@@ -232,7 +250,7 @@ int run(const RunOptions& options, const std::vector<std::string>& command) {
   const SignalQueue signals({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGCHLD});
   std::signal(SIGCHLD, SIG_DFL);  // ignored, it would take the command's status with it
 
-  const Home home;
+  const Home home(options.tong);
   const Variables variables = variables_for(options, home);
   ConfigValues values;
   if (options.functions) set_values_for_functions(values);
@@ -240,7 +258,8 @@ int run(const RunOptions& options, const std::vector<std::string>& command) {
   if (!options.config.empty() && !read_config_values(options.config, values, error))
     throw Failure(error);
   if (options.config.empty()) write_config(home.config(), values);
-  const PrivateObjects own(options.config.empty() ? home.config() : options.config);
+  const PrivateObjects own(options.config.empty() ? home.config() : options.config,
+                           !options.tong.empty());
   write_config(home.config(), values_for(own.settings, home, values));
   for (const std::string& note : queue_notes(own.objects))
     std::fprintf(stderr, "varn: %s\n", note.c_str());
@@ -273,6 +292,10 @@ void add_run(CLI::App& app, const std::vector<std::string>& command, int& status
                    "Configuration file whose tuning values to use (keys and directories are the "
                    "run's own)")
       ->type_name("FILE");
+  verb->add_option("--tong", options->tong,
+                   "Log whole telegrams, and keep their files in this directory")
+      ->check([](const std::string& dir) { return dir.empty() ? "names no directory" : ""; })
+      ->type_name("DIR");
   verb->add_flag("--functions", options->functions,
                  "Trace every function of a program compiled with -finstrument-functions");
   add_output_options(*verb, options->output);

@@ -1,4 +1,4 @@
-// varn up: makes the shared objects, and the directory of the agent log.
+// varn up: makes the shared objects, and the directories of the agent log and of whole telegrams.
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -18,15 +18,24 @@ std::string log_dir_of(const CollectorSettings& settings) {
   return agent_log_dir(settings, home != nullptr ? home : file.parent_path().string());
 }
 
-// Processes of all users write there; the sticky bit keeps their files apart.
-void make_log_dir(const std::string& dir) {
+using Access = std::filesystem::perms;
+
+// The sticky bit keeps the files of different users apart.
+void make_dir(const std::string& what, const std::string& dir, Access access) {
   std::error_code fault;
   if (std::filesystem::create_directories(dir, fault))
-    std::filesystem::permissions(
-        dir, std::filesystem::perms::all | std::filesystem::perms::sticky_bit, fault);
+    std::filesystem::permissions(dir, access | Access::sticky_bit, fault);
   if (fault)
-    throw Failure("the directory of the agent log, " + dir +
-                  ", cannot be made: " + fault.message());
+    throw Failure("the directory of " + what + ", " + dir + ", cannot be made: " + fault.message());
+}
+
+// Telegrams hold customers' data, and their files everybody may read who gets to them.
+void print_tong_dir(const std::string& dir) {
+  std::cout << "whole telegrams: " << dir << '\n';
+  std::error_code unknown;
+  const Access access = std::filesystem::status(dir, unknown).permissions();
+  if (!unknown && (access & Access::others_exec) != Access::none)
+    std::cout << "note: " << dir << " is open to all users, who can read the telegrams there\n";
 }
 
 void up(const std::string& path) {
@@ -35,7 +44,10 @@ void up(const std::string& path) {
   std::string error;
   if (!read_settings(path, settings, error)) throw Failure(error);
   const std::string log_dir = log_dir_of(settings);
-  make_log_dir(log_dir);
+  const bool tong_log = settings.tong_log_flag == 1;
+  make_dir("the agent log", log_dir, Access::all);
+  if (tong_log)
+    make_dir("whole telegrams", tong_log_dir(settings), Access::owner_all | Access::group_all);
   if (!create_objects(settings, objects, error)) throw Failure(error);
 
   std::cout << objects.created << " of " << 5 + objects.msgq_ids.size()
@@ -43,6 +55,7 @@ void up(const std::string& path) {
             << (settings.que_cnt == 1 ? " queue" : " queues") << " of "
             << queue_records(objects.msgq_ids.front()) << " records in use\n"
             << "agent log: " << log_dir << '\n';
+  if (tong_log) print_tong_dir(tong_log_dir(settings));
   for (const std::string& note : queue_notes(objects)) std::cout << "note: " << note << '\n';
   detach_objects(objects);
 }

@@ -13,6 +13,7 @@ void add_up(CLI::App& app, int& status);
 void add_down(CLI::App& app, int& status);
 void add_collect(CLI::App& app, int& status);
 void add_run(CLI::App& app, const std::vector<std::string>& command, int& status);
+void add_tong(CLI::App& app, int& status);
 
 inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
