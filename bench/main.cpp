@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <optional>
 #include <string>
@@ -17,6 +18,8 @@
 #include "bench/cpus.h"
 #include "bench/stage.h"
 #include "bench/table.h"
+#include "bench/telegram.h"
+#include "bench/writer.h"
 #include "layout/record.h"
 #include "varn/tran.h"
 
@@ -110,6 +113,30 @@ void hook_pair() {
   __cyg_profile_func_exit(function, nullptr);
 }
 
+// What a telegram's record cannot do without: its memory, and its bytes in it.
+class CopiedRecords {
+ public:
+  CopiedRecords() { blocks_.reserve(kMost); }
+  int add() {
+    char* const block = static_cast<char*>(std::malloc(kTelegramRecord));
+    std::memcpy(block, source_, kTelegramRecord);
+    blocks_.push_back(block);
+    return TRAN_RC_OK;
+  }
+  bool is_full() const { return blocks_.size() == kMost; }
+  void free_all() {
+    for (char* const block : blocks_) std::free(block);
+    blocks_.clear();
+  }
+
+ private:
+  static constexpr std::size_t kMost = 6400;
+  char source_[kTelegramRecord] = {};
+  std::vector<char*> blocks_;
+};
+thread_local CopiedRecords copied_records;
+int allocate_and_copy() { return copied_records.add(); }
+
 // Names for so many functions, hook_pair among them.
 class NamedFunctions {
  public:
@@ -144,6 +171,9 @@ struct Conditions {
   int batch = 64;     // calls timed together; records of a batch find room on the queue
   int batches = 400;  // a run and thread
   std::chrono::microseconds pause{0};  // between batches, spent at work
+  void (*undo)(int calls) = nullptr;   // what a batch left, untimed
+  int telegrams = 0;                   // that each call has logged
+  int repetitions = 0;                 // 0: as many as the command line says
 };
 
 struct Bench {
@@ -168,7 +198,8 @@ void measure(benchmark::State& state, const Bench& bench, const Conditions& cond
     names.emplace(static_cast<std::uint64_t>(conditions.named_functions));
   // All threads pass a barrier before the first turn and one behind the last.
   if (state.thread_index() == 0)
-    bench.stage.begin(conditions.waiting, conditions.log_flags, conditions.call_limit_us);
+    bench.stage.begin(conditions.waiting, conditions.log_flags, conditions.call_limit_us,
+                      conditions.telegrams > 0);
   for (auto _ : state) {
     if (samples.empty() && conditions.in_service) {
       start_service();
@@ -180,11 +211,14 @@ void measure(benchmark::State& state, const Bench& bench, const Conditions& cond
     const std::chrono::duration<double, std::nano> span = Clock::now() - start;
     samples.push_back(std::max(0.0, span.count() - bench.clock_ns) / conditions.batch);
     state.SetIterationTime(samples.back() * 1e-9);
+    if (conditions.undo != nullptr) conditions.undo(conditions.batch);
     bench.stage.wait_for_room();
     if (conditions.pause.count() > 0) work_for(conditions.pause);
   }
   if (conditions.in_service) end_service();
-  if (state.thread_index() == 0) bench.stage.end();
+  const std::int64_t calls = std::int64_t{state.threads()} * conditions.batches * conditions.batch;
+  if (state.thread_index() == 0 && !bench.stage.end(calls * conditions.telegrams))
+    state.SkipWithError("telegrams did not get into the file");
   if (wrong > 0)
     state.SkipWithError(
         (std::to_string(wrong) + " calls did not return " + std::to_string(conditions.expected))
@@ -203,6 +237,75 @@ void add(const Bench& bench, const char* name, const Conditions& conditions, Cal
       });
   added->UseManualTime()->Iterations(conditions.batches)->Threads(1);
   if (!paced) added->Threads(2);
+  if (conditions.repetitions > 0) added->Repetitions(conditions.repetitions);
+}
+
+// Of what is timed as a whole: nanoseconds a record, or nothing.
+template <typename Measurement>
+void add_whole(const char* name, int repetitions, Measurement measurement) {
+  benchmark::RegisterBenchmark(name,
+                               [measurement](benchmark::State& state) {
+                                 for (auto _ : state) {
+                                   const std::optional<double> ns = measurement();
+                                   state.SetIterationTime(ns.value_or(0) * 1e-9);
+                                   if (ns) state.counters[kMedian] = *ns;
+                                 }
+                               })
+      ->UseManualTime()
+      ->Iterations(1)
+      ->Repetitions(repetitions);
+}
+
+// The writer may look for telegrams only 300 ms after they were queued, and the next row waits for
+// it: fewer repetitions than of others.
+constexpr int kTelegramRepetitions = 9;
+
+void add_telegrams(const Bench& bench) {
+  constexpr int kLevels = 10;
+  const auto end_services = [](int calls) {
+    for (int i = 0; i < calls; ++i) end_plainly();
+  };
+  const auto free_at_once = [](int) { copied_records.free_all(); };
+  const auto free_at_end = [](int) {
+    if (copied_records.is_full()) copied_records.free_all();
+  };
+  const auto plain_pair = [] { return start_plainly() | end_plainly(); };
+  const auto telegram_pair = [] { return start_by_telegram() | end_by_telegram(); };
+
+  Conditions copies{.batch = 32, .batches = 200, .undo = free_at_end};
+  add(bench, kCopyToNew, copies, allocate_and_copy);
+  copies.undo = free_at_once;
+  add(bench, kCopyToUsed, copies, allocate_and_copy);
+  Conditions off{.log_flags = kAllOff, .expected = TRAN_RC_SWITCHED_OFF, .batch = 32};
+  off.batches = 200;
+  add(bench, kTelegramOff, off, start_by_telegram);
+  off.telegrams = 1;
+  off.repetitions = kTelegramRepetitions;
+  add(bench, kTelegramLogged, off, start_by_telegram);
+
+  Conditions start{.batch = kLevels, .batches = 100, .undo = end_services};
+  add(bench, kPlainStart, start, start_plainly);
+  add(bench, kTelegramStart, start, start_by_telegram);
+  start.telegrams = 1;
+  start.repetitions = kTelegramRepetitions;
+  add(bench, kLoggedStart, start, start_by_telegram);
+
+  Conditions pair{.batch = 16, .batches = 100};
+  add(bench, kPlainPair, pair, plain_pair);
+  add(bench, kTelegramPair, pair, telegram_pair);
+  pair.telegrams = 2;
+  pair.repetitions = kTelegramRepetitions;
+  add(bench, kLoggedPair, pair, telegram_pair);
+
+  constexpr int kDrained = 20'000;
+  add_whole(kDrain, kTelegramRepetitions, [&bench] {
+    run_on(bench.cpus.front());
+    return drain_ns(bench.stage, kDrained);
+  });
+  add_whole(kBareWrite, kTelegramRepetitions, [&bench] {
+    run_on(bench.cpus.back());
+    return std::optional(bare_write_ns(bench.stage, kDrained));
+  });
 }
 
 void add_all(const Bench& bench) {
@@ -286,6 +389,7 @@ int run(int argc, char** argv) {
   Stage stage(cpus.back());
   const Bench bench{stage, cpus, clock_ns()};
   add_all(bench);
+  add_telegrams(bench);
   Table table;
   if (benchmark::RunSpecifiedBenchmarks(&table) == 0) return EXIT_FAILURE;
   if (const std::uint32_t lost = stage.failed_sends(); lost > 0 || table.failed()) {

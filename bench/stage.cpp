@@ -9,7 +9,10 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 
+#include "bench/cpus.h"
+#include "bench/telegram.h"
 #include "layout/config_keys.h"
 #include "util/msgq.h"
 #include "util/shared_word.h"
@@ -18,8 +21,13 @@
 namespace varn::bench {
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 // Two threads may each send a batch after they found the queue half full.
 constexpr long kLeastRoom = 1024;
+
+// The writer looks at its queue three times a second.
+constexpr std::chrono::seconds kLongestStandstill{5};
 
 void write_config(const std::string& path, const ConfigValues& values) {
   std::ofstream file(path);
@@ -44,6 +52,7 @@ TempDir::~TempDir() {
 PrivateObjects::PrivateObjects(const std::string& config) {
   ConfigValues values{{kQueCnt.key, "1"},
                       {kMaxQueCnt.key, "1"},
+                      {kTongLogHome.key, std::filesystem::path(config).parent_path()},
                       {kCallTrcDepth.key, "51"},
                       {kInfiniteLoopBaseCnt.key, "2000000000"}};
   write_config(config, values);
@@ -80,6 +89,7 @@ Stage::Stage(int reader_cpu)
   setenv("TRAN_AGT_CFG_FILE", objects_.settings.path.c_str(), 1);
   setenv("VARN_THREAD_ID", "kernel", 1);
   setenv("VARN_CONSOLE", "off", 1);
+  run_on(reader_cpu);  // the writer of whole telegrams, which the start creates, stays there
   if (const int rc = TRAN_INIT(); rc != TRAN_RC_OK)
     throw std::runtime_error("TRAN_INIT returned " + std::to_string(rc));
 }
@@ -90,13 +100,38 @@ std::uint32_t Stage::failed_sends() const {
   return load(objects_.shared.que_info->que_fail_cnt[0]);
 }
 
-void Stage::begin(Waiting waiting, std::uint8_t log_flags, std::uint64_t call_limit_us) {
+void Stage::begin(Waiting waiting, std::uint8_t log_flags, std::uint64_t call_limit_us,
+                  bool telegrams_logged) {
+  store(objects_.shared.que_info->tong_log_flag, telegrams_logged ? '1' : '0');
   store(objects_.shared.que_info->call_trc_limit, call_limit_us);
   store(objects_.shared.que_info->log_flag_set, log_flags);
   reader_.start(waiting);
 }
 
-void Stage::end() { reader_.stop(); }
+bool Stage::end(std::int64_t telegrams_queued) {
+  reader_.stop();
+  expected_tong_bytes_ += telegrams_queued * static_cast<std::int64_t>(kTelegramRecord);
+  const std::int64_t bytes = wait_for_tong_bytes(expected_tong_bytes_);
+  return std::exchange(expected_tong_bytes_, bytes) == bytes;
+}
+
+std::int64_t Stage::tong_bytes() const {
+  std::int64_t bytes = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(dir_.path))
+    if (entry.path().filename().string().starts_with("tong_log_"))
+      bytes += static_cast<std::int64_t>(entry.file_size());
+  return bytes;
+}
+
+std::int64_t Stage::wait_for_tong_bytes(std::int64_t bytes) const {
+  std::int64_t there = tong_bytes();
+  for (auto grown = Clock::now(); there < bytes && Clock::now() - grown < kLongestStandstill;) {
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+    const std::int64_t before = std::exchange(there, tong_bytes());
+    if (there != before) grown = Clock::now();
+  }
+  return there;
+}
 
 void Stage::wait_for_room() const {
   while (get_msgq_num(msgq_id()) > room_ / 2)

@@ -43,10 +43,17 @@ class Stage {
   int msgq_id() const { return objects_.msgq_id(); }
   std::uint32_t failed_sends() const;
 
-  // One run's conditions: how the reader waits, record kinds switched on, and how long a call must
-  // take to be recorded.
-  void begin(Waiting waiting, std::uint8_t log_flags, std::uint64_t call_limit_us);
-  void end();
+  // One run's conditions: how the reader waits, record kinds switched on, how long a call must take
+  // to be recorded, and whether whole telegrams are logged.
+  void begin(Waiting waiting, std::uint8_t log_flags, std::uint64_t call_limit_us,
+             bool telegrams_logged);
+  // Waits until the telegrams that the run queued are all in the file; false when some do not come.
+  bool end(std::int64_t telegrams_queued);
+
+  const std::filesystem::path& directory() const { return dir_.path; }
+  std::int64_t tong_bytes() const;  // of the files of whole telegrams, which lie in the directory
+  // Waits until there are so many, or no more come: how many there are.
+  std::int64_t wait_for_tong_bytes(std::int64_t bytes) const;
 
   // Waits until the queue is at most half full.
   void wait_for_room() const;
@@ -56,6 +63,7 @@ class Stage {
   PrivateObjects objects_;
   const long room_;  // records that the queue holds
   Reader reader_;
+  std::int64_t expected_tong_bytes_ = 0;
 };
 
 }  // namespace varn::bench

@@ -59,6 +59,8 @@ void Table::ReportRuns(const std::vector<Run>& runs) {
 
 void Table::Finalize() {
   print_calls();
+  print_telegrams();
+  print_writer();
   print_waiting();
 }
 
@@ -110,6 +112,57 @@ void Table::print_calls() {
   row("finding the thread's context, another thread number", [this](int threads) {
     return cost(kErrInfoOtherThread, threads) - cost(kErrInfoOff, threads);
   });
+}
+
+void Table::print_telegrams() {
+  std::ostream& out = GetOutputStream();
+  out << "\nWhat a whole telegram of 2,048 bytes costs the thread that gives it: nanoseconds a "
+         "call, "
+         "and as a\nratio to what is named in brackets, of as many threads.\n\n"
+      << label("") << cell("one thread", 18) << cell("two threads", 20) << '\n';
+  const auto row = [&](const std::string& text, auto cost_of, auto reference) {
+    out << label(text);
+    for (const int threads : {1, 2}) {
+      const double ns = cost_of(threads);
+      out << cell(nanoseconds(ns), threads == 1 ? 10 : 12)
+          << cell(number(ns / reference(threads), 2), 8);
+    }
+    out << '\n';
+  };
+  const auto cost_of = [this](const char* name, int calls = 1) {
+    return [this, name, calls](int threads) { return cost(name, threads) / calls; };
+  };
+  const auto logging = [this](int threads) {
+    return cost(kTelegramLogged, threads) - cost(kTelegramOff, threads);
+  };
+  const auto with_logging = [logging](auto plain) {
+    return [logging, plain](int threads) { return plain(threads) + logging(threads); };
+  };
+  const auto copy = cost_of(kCopyToNew);
+  row("malloc and memcpy of its record, memory used before", cost_of(kCopyToUsed), copy);
+  row("malloc and memcpy of its record, new memory (1)", copy, copy);
+  row("logging a telegram (1)", logging, copy);
+  const auto start = cost_of(kPlainStart);
+  row("TRAN_START with its texts (2)", start, start);
+  row("TRAN_STARTX, its kind switched off (2)", cost_of(kTelegramOff), start);
+  row("TRAN_STARTX, not logged (2)", cost_of(kTelegramStart), start);
+  row("TRAN_STARTX, logged (2 and logging)", cost_of(kLoggedStart), with_logging(start));
+  const auto pair = cost_of(kPlainPair, 2);
+  row("TRAN_START and TRAN_END, per record (3)", pair, pair);
+  row("TRAN_STARTX and TRAN_ENDX, not logged (3)", cost_of(kTelegramPair, 2), pair);
+  row("TRAN_STARTX and TRAN_ENDX, logged (3 and logging)", cost_of(kLoggedPair, 2),
+      with_logging(pair));
+}
+
+void Table::print_writer() {
+  std::ostream& out = GetOutputStream();
+  out << "\nHow fast queued telegrams get into their file: nanoseconds a record, and the speed as "
+         "a\n"
+         "ratio to that of fwrite and fflush of as many records.\n\n";
+  const double bare = cost(kBareWrite, 1);
+  for (const char* const name : {kBareWrite, kDrain})
+    out << label(name) << cell(nanoseconds(cost(name, 1)), 10)
+        << cell(number(bare / cost(name, 1), 2), 8) << '\n';
 }
 
 void Table::print_waiting() {

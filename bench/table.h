@@ -30,6 +30,19 @@ inline constexpr char kCallEnd[] = "call end, recorded";
 inline constexpr char kHookPair[] = "hook pair";
 inline constexpr char kHookPairOfMany[] = "hook pair, 100,000 names";
 
+inline constexpr char kCopyToNew[] = "malloc and memcpy, new memory";
+inline constexpr char kCopyToUsed[] = "malloc and memcpy, memory used before";
+inline constexpr char kTelegramOff[] = "TRAN_STARTX, switched off";
+inline constexpr char kTelegramLogged[] = "TRAN_STARTX, switched off, telegram logged";
+inline constexpr char kPlainStart[] = "TRAN_START, a telegram's texts";
+inline constexpr char kTelegramStart[] = "TRAN_STARTX";
+inline constexpr char kLoggedStart[] = "TRAN_STARTX, telegram logged";
+inline constexpr char kPlainPair[] = "TRAN_START and TRAN_END, a telegram's texts";
+inline constexpr char kTelegramPair[] = "TRAN_STARTX and TRAN_ENDX";
+inline constexpr char kLoggedPair[] = "TRAN_STARTX and TRAN_ENDX, telegrams logged";
+inline constexpr char kBareWrite[] = "fwrite and fflush";
+inline constexpr char kDrain[] = "writer";
+
 inline constexpr char kResting[] = "resting";
 inline constexpr char kBlocking[] = "blocking";
 inline constexpr char kPolling[] = "polling";
@@ -55,6 +68,8 @@ class Table : public benchmark::BenchmarkReporter {
   // Median over the repetitions; NaN for what was not run.
   double cost(const std::string& name, std::int64_t threads, const char* counter = kMedian) const;
   void print_calls();
+  void print_telegrams();
+  void print_writer();
   void print_waiting();
 
   std::map<std::string, std::map<Key, std::vector<double>>> samples_;  // by counter

@@ -7,7 +7,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 build_packages=(
   g++ cmake ninja-build pkg-config python3
   uthash-dev libcli11-dev nlohmann-json3-dev libsqlite3-dev libgtest-dev libbenchmark-dev
-  libstb-dev
+  libstb-dev libasio-dev
 )
 
 say() { printf '==> %s\n' "$*"; }

@@ -77,15 +77,17 @@ enum tran_rc {
 
 /* Starts the agent in this process: reads the environment and the configuration file, attaches the
  * collector's shared objects, announces the process with event "1508" and prints the banner to
- * standard output (not with VARN_CONSOLE=off in the environment).
+ * standard output (not with VARN_CONSOLE=off in the environment). Starts one thread, "varn_tong",
+ * which writes whole telegrams to their file and sleeps while there are none.
  * Returns 0, or 103, 104, 105, 106, 107, 116 or 117. After a failure it may be called again.
  * May wait for a bounded time (2 seconds) for the shared table's semaphore. */
 VARN_API int TRAN_INIT(void);
 
 /* Releases what TRAN_INIT attached. Calls made by other threads are refused from here on, and those
- * under way are waited for up to a second. Returns 0; or -1 when a call is still under way or a
- * segment could not be detached: everything then stays attached for the next TRAN_INIT. Done
- * without a start it returns 0. */
+ * under way are waited for up to a second; so are telegrams that are queued for their file, as long
+ * as the disk takes them. Those that a process without TRAN_DONE has queued when it exits are lost.
+ * Returns 0; or -1 when a call is still under way or a segment could not be detached: everything
+ * then stays attached for the next TRAN_INIT. Done without a start it returns 0. */
 VARN_API int TRAN_DONE(void);
 
 /* The texts that every service call takes after the thread number, whichever others follow. Each is
@@ -171,16 +173,20 @@ VARN_API int TRAN_ERROR(int tid TRAN_FIELD_PARAMETERS);
  * as two information records, and makes the TRAN_START, or for a service id that begins with "CLH"
  * the TRAN_CLH_START. An agent that was not started before is started first; one whose start failed
  * is not tried again (103).
- *   gid, gid_len       GID of the service. At channel types "ICT" and "ICC" the telegram's counts
- *   svc_id, svc_id_len of exactly 12 characters, the first 9 count (not for "CLH"). A telegram for
- *                      one that begins with "CLH" or "SPFMIPPR" is not logged
- *   sttl, sttl_len     the telegram and its length in bytes; -1: up to its zero byte. What it is
- * too short for is blank. Null: the service has the texts given here alone std_layout non-zero: the
- * standard layout of varn/sttl.h. Zero: the fixed layout, whose telegrams begin with their length
- * as four binary bytes (so give sttl_len), whose fields end at a zero byte, and which are not
- * logged ext_on             ext_flag is "1" when non-zero, "0" when zero Returns what the call it
- * makes returns; 124 for a telegram that is to be logged and has under 512 bytes, which is then not
- * traced. */
+ *
+ *   gid, gid_len         GID of the service; at channels "ICT" and "ICC" the telegram's counts
+ *   svc_id, svc_id_len   of exactly 12 characters, the first 9 count (not for "CLH"). Telegrams
+ *                        for services that begin with "CLH" or "SPFMIPPR" are not logged
+ *   sttl, sttl_len       the telegram and its length in bytes; -1: up to its zero byte. What it
+ *                        is too short for is blank. Null: the service has these texts alone
+ *   std_layout           non-zero: the standard layout of varn/sttl.h. Zero: the fixed layout,
+ *                        whose telegrams begin with their length as four binary bytes (one of
+ *                        which is zero: give sttl_len), whose fields end at a zero byte, and
+ *                        which are not logged
+ *   ext_on               ext_flag is "1" when non-zero, "0" when zero
+ *
+ * Returns what the call it makes returns; 124 for a telegram that is to be logged and has under 512
+ * bytes, which is then not traced. */
 VARN_API int TRAN_STARTX(int tid, const char* hdr_cd, int hdr_cd_len, const char* hdr_flag,
                          int hdr_flag_len, const char* gid, int gid_len, const char* svc_id,
                          int svc_id_len, const char* sttl, int sttl_len, int std_layout,

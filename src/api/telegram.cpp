@@ -228,24 +228,10 @@ auto entry_text(const char* entry) {
               << std::string_view(entry + kMsgCd, kText);
 }
 
-std::string_view error_code_of(char result) {
-  switch (result) {
-    case '1':
-      return "1105";
-    case '8':
-      return "1106";
-    case '9':
-      return "1107";
-    default:
-      return "9999";
-  }
-}
-
 void send_errinfo(Call& call, const Arguments& args, const TelegramTexts& texts, Text message) {
-  const std::string_view code = error_code_of(texts.result());
   // GID and service id are those of the open service.
   Text pairs[kHeadPairs + kErrInfoBody.size()];
-  pairs[kHeadPairs] = {code.data(), static_cast<std::int32_t>(code.size())};
+  pairs[kHeadPairs] = {error_code_of(texts.result()), -1};
   pairs[kHeadPairs + 1] = texts[kPair_recv_svc_cd];
   pairs[kHeadPairs + 2] = {texts.is_linked() ? "C" : "O", 1};
   pairs[kHeadPairs + 3] = message;

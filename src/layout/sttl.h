@@ -60,6 +60,20 @@ inline constexpr std::size_t kFixedGidAt = 10;
 inline constexpr std::size_t kFixedGrcoCdAt = 402;
 inline constexpr std::size_t kFixedBrNoAt = 405;
 
+// The error-information code of a result that is not success.
+constexpr const char* error_code_of(char result) {
+  switch (result) {
+    case '1':
+      return "1105";
+    case '8':
+      return "1106";
+    case '9':
+      return "1107";
+    default:
+      return "9999";
+  }
+}
+
 // A telegram that is logged has at least its header.
 inline constexpr std::size_t kLeastTelegram = 512;
 

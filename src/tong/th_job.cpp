@@ -54,8 +54,7 @@ constinit Writer writer = {};
 pthread_mutex_t idle_lock = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t idle_cond = PTHREAD_COND_INITIALIZER;
 
-// ---- The writer's thread
-// --------------------------------------------------------------------------
+// ---- The writer's thread ----
 
 // Until the time is over or the writer is told to end.
 void set_idle(int sec, int usec) {
@@ -167,8 +166,7 @@ void* th_job(void*) {
   return nullptr;
 }
 
-// ---- Start and stop
-// -------------------------------------------------------------------------------
+// ---- Start and stop ----
 
 // Signals are for the host's threads, but for those that a fault of the writer's own would raise.
 int create_th_job() {

@@ -58,11 +58,6 @@ class [[nodiscard]] TongGuard {
   TongGuard& operator=(const TongGuard&) = delete;
 };
 
-bool is_tong_logged() {
-  const TRAN_LOGF_QUE_INFO* const info = tong.place.que_info;
-  return info != nullptr && load(info->tong_log_flag) == '1';
-}
-
 // Before its memory is allocated, so that many threads together do not exceed the budget either.
 bool reserve(std::int64_t bytes) {
   if (tong.queued_bytes.fetch_add(bytes, std::memory_order_relaxed) + bytes <= tong.place.budget)
@@ -100,27 +95,6 @@ bool put_record(const TongItem& item) {
   }
   if (count == 1 || count % 100 == 0)
     VARN_LOG_LIMITED("<!> put_deffered_que fail.(cnt %d) [tid:%ld].", count, long{tid});
-}
-
-// Of a telegram of any length.
-void queue_telegram(int tid, const char* telegram, std::size_t n, int kind) {
-  const ErrnoGuard errno_kept;
-  if (n > kMostTongTelegram) {
-    tong.dropped.fetch_add(1, std::memory_order_relaxed);
-    VARN_LOG_LIMITED("<!> a telegram of over %zu bytes is not logged [tid:%ld].", kMostTongTelegram,
-                     long{tid});
-    return;
-  }
-  const auto size = static_cast<std::int64_t>(tong_record_size(n));
-  if (!reserve(size)) return count_dropped(tid);
-  const TongItem item = {size, static_cast<char*>(std::malloc(tong_record_size(n)))};
-  if (item.record != nullptr) {
-    build_record(item.record, telegram, n, kind);
-    if (put_record(item)) return;
-  }
-  std::free(item.record);
-  tong.queued_bytes.fetch_sub(size, std::memory_order_relaxed);
-  count_dropped(tid);
 }
 
 [[gnu::cold, gnu::noinline]] void log_short(const char* telegram, std::size_t n, int kind) {
@@ -192,6 +166,31 @@ void forget_tong() {
   tong.written.store(0);
   tong.dropped.store(0);
   tong.nfailcount.store(0);
+}
+
+bool is_tong_logged() {
+  const TRAN_LOGF_QUE_INFO* const info = tong.place.que_info;
+  return info != nullptr && load(info->tong_log_flag) == '1';
+}
+
+void queue_telegram(int tid, const char* telegram, std::size_t n, int kind) {
+  const ErrnoGuard errno_kept;
+  if (n > kMostTongTelegram) {
+    tong.dropped.fetch_add(1, std::memory_order_relaxed);
+    VARN_LOG_LIMITED("<!> a telegram of over %zu bytes is not logged [tid:%ld].", kMostTongTelegram,
+                     long{tid});
+    return;
+  }
+  const auto size = static_cast<std::int64_t>(tong_record_size(n));
+  if (!reserve(size)) return count_dropped(tid);
+  const TongItem item = {size, static_cast<char*>(std::malloc(tong_record_size(n)))};
+  if (item.record != nullptr) {
+    build_record(item.record, telegram, n, kind);
+    if (put_record(item)) return;
+  }
+  std::free(item.record);
+  tong.queued_bytes.fetch_sub(size, std::memory_order_relaxed);
+  count_dropped(tid);
 }
 
 int save_tong_log4c(int tid, const char* telegram, int len, int kind) {

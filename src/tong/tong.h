@@ -31,8 +31,7 @@ struct TongCounts {
   std::int64_t dropped;
 };
 
-// ---- Start and stop. No writer runs, and main_lock is held.
-// ---------------------------------------
+// ---- Start and stop. No writer runs, and main_lock is held. ----
 
 // Sets the ring up anew: false when that fails. From here on telegrams are queued.
 bool open_tong(const TongPlace& place);
@@ -49,18 +48,22 @@ TongCounts tong_counts();
 // After a fork, in the child: what is queued is the parent's, and so is its lock.
 void forget_tong();
 
-// ---- Threads that log telegrams, inside a call of a started agent
-// ---------------------------------
+// ---- Threads that log telegrams, inside a call of a started agent ----
+
+// Whether the collector wants whole telegrams.
+bool is_tong_logged();
 
 // Queues a telegram of `len` bytes (negative: up to its zero byte) when whole telegrams are logged:
-// 0, or TRAN_RC_SHORT_TELEGRAM. What cannot be queued is dropped and counted.
+// 0, or TRAN_RC_SHORT_TELEGRAM. What cannot be queued is dropped and counted. `kind`: ApiType.
 int save_tong_log4c(int tid, const char* telegram, int len, int kind);
+
+// Queues a telegram of any length.
+void queue_telegram(int tid, const char* telegram, std::size_t n, int kind);
 
 // 'S' for the API types that start a service, 'F' for those that end one, 'U' for others.
 char get_sf_flag(int kind);
 
-// ---- The writer
-// -----------------------------------------------------------------------------------
+// ---- The writer ----
 
 const TongPlace& tong_place();
 

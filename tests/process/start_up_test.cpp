@@ -168,6 +168,7 @@ TEST_F(StartUp, IsToldByTheLogAndByAnEventWithTheHostNameCut) {
       "gvar_cleared 1, LANG ko_KR.euckr ]\n"
       "(I) [PRELOAD LIBRARY] hooking library loaded... { LD_PRELOAD = /opt/hook.so }\n"
       "(I) API Process (NAME / ) Start OK (ret 0)\n"
+      "(I) completed join main_thread\n"
       "(I) mtr_tid_idx[0000 - 1 of 1] pid(PID/PID)-tid(0/0) closed. get_ptrc[9999] "
       "is [ true - true ]\n"
       "(I) [SHARED_LIB] tran_destroy() [VERSION] complete.. proc_nm : NAME (PID)\n"

@@ -1,0 +1,11 @@
+// Global transaction ids.
+#pragma once
+
+#include <string>
+
+namespace gateway {
+
+// Date (8), time to the millisecond (9), system (3), host (4) and a sequence number (6).
+std::string new_gid(const char* system);
+
+}  // namespace gateway
