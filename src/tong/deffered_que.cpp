@@ -59,8 +59,4 @@ bool is_full() { return get_deffered_queueing() == kMask; }
 
 bool is_empty() { return get_deffered_queueing() == 0; }
 
-void forget_deffered_que() {
-  que_pool.front.store(que_pool.rear.load(std::memory_order_relaxed), std::memory_order_relaxed);
-}
-
 }  // namespace varn

@@ -35,7 +35,4 @@ std::uint32_t get_deffered_queueing();
 bool is_full();
 bool is_empty();
 
-// After a fork, in the child: drops what is queued. A put that the fork interrupted may go on.
-void forget_deffered_que();
-
 }  // namespace varn

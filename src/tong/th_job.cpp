@@ -47,6 +47,7 @@ struct Writer {
   char path[640];  // of the open file
   char date[9];    // YYYYMMDD; empty before the first look
   StampCache stamp;
+  TongItem item;  // being written; a forked child keeps it, not knowing whether it was freed
   std::int64_t error_second;  // of the last line on the standard error stream
 };
 constinit Writer writer = {};
@@ -155,9 +156,8 @@ void* th_job(void*) {
       continue;
     }
     if (queued->kind == kTongItem) {
-      TongItem item;
-      std::memcpy(&item, queued->payload, sizeof item);
-      release_record(item, write_record(item));
+      std::memcpy(&writer.item, queued->payload, sizeof writer.item);
+      release_record(writer.item, write_record(writer.item));
     }
     writer.turns.fetch_add(1);
   }

@@ -109,7 +109,7 @@ bool put_record(const TongItem& item) {
       size, text.data());
 }
 
-// With the lock held, or after a fork.
+// With the lock held.
 void release_queued() {
   for (const QueItem* queued = get_deffered_que(); queued != nullptr; queued = get_deffered_que()) {
     TongItem item;
@@ -122,8 +122,10 @@ void release_queued() {
 
 bool open_tong(const TongPlace& place) {
   const TongGuard guard;
-  // Of a failed start, or of a stop that left its writer behind.
+  // Of a failed start, of a stop that left its writer behind, or of the process that forked this
+  // one.
   release_queued();
+  tong.queued_bytes.store(0);
   if (create_deffered_que(0) == 0) return false;
   put_zero_ended(tong.host_name, Text(place.host_name, -1).clipped(sizeof tong.host_name));
   put_zero_ended(tong.dir, place.dir);
@@ -160,12 +162,7 @@ void forget_tong() {
     tong_lock_holder.store(0, std::memory_order_relaxed);
     pthread_mutex_init(&tong_lock, nullptr);
   }
-  forget_deffered_que();
   tong.is_open = false;
-  tong.queued_bytes.store(0);
-  tong.written.store(0);
-  tong.dropped.store(0);
-  tong.nfailcount.store(0);
 }
 
 bool is_tong_logged() {

@@ -45,7 +45,8 @@ void drop_queued_telegrams();
 // What became of the telegrams since the last start. Those still queued count as dropped.
 TongCounts tong_counts();
 
-// After a fork, in the child: what is queued is the parent's, and so is its lock.
+// After a fork, in the child: the lock is a thread's of the parent. What the parent had queued is
+// freed by the child's own start; the fork may have come from anywhere, from inside free() too.
 void forget_tong();
 
 // ---- Threads that log telegrams, inside a call of a started agent ----
