@@ -5,10 +5,11 @@
 
 #include "api/edge.h"
 #include "core/call_stack.h"
+#include "core/filter.h"
 #include "core/gvar.h"
 #include "core/notice.h"
+#include "core/record.h"
 #include "core/sql.h"
-#include "core/validate.h"
 #include "util/clock.h"
 #include "util/log_printf.h"
 #include "util/message.h"
@@ -18,28 +19,23 @@ namespace {
 
 constexpr std::int64_t kOverCallLimitUs = 200'000;
 
-// What is common to all calls of a kind.
-struct CallKind {
-  const RecordKind& record;
-  char type;
-  bool is_dbio() const { return type == kDbioCall; }
-};
-constexpr CallKind kBiz{kKind<'C'>, kBizCall};
-constexpr CallKind kDbio{kKind<'B'>, kDbioCall};
-
 // By the characters at the configured place of the function's name.
-[[gnu::always_inline]] inline const CallKind& classify(Text func_nm) {
+[[gnu::always_inline]] inline char type_of_call(Text func_nm) {
   constexpr std::size_t kCompared = 7;
-  if (gvar.dbio_func_sign_no < 0 || !func_nm.given()) return kBiz;
+  if (gvar.dbio_func_sign_no < 0 || !func_nm.given()) return kBizCall;
   const auto from = static_cast<std::size_t>(gvar.dbio_func_sign_no);
   const std::string_view name = func_nm.clipped(from + kCompared);
-  if (name.size() < from) return kBiz;
+  if (name.size() < from) return kBizCall;
   for (std::size_t i = 0; i < kCompared; ++i) {
     const char wanted = gvar.dbio_func_signature[i];
     if (wanted == '\0') continue;  // matches anything, the name's end too
-    if (from + i >= name.size() || name[from + i] != wanted) return kBiz;
+    if (from + i >= name.size() || name[from + i] != wanted) return kBizCall;
   }
-  return kDbio;
+  return kDbioCall;
+}
+
+std::uint8_t log_flag_of_call(char type) {
+  return type == kDbioCall ? kKind<kDbioCall>.log_flag : kKind<kBizCall>.log_flag;
 }
 
 void add_to(std::int32_t& count, std::int32_t n) {
@@ -115,14 +111,15 @@ void clear_sums(CallEntry& call) {
   store(call.lvl_dbio_us, std::int64_t{0});
 }
 
-void push_call(PTRC_HASH_ENT& entry, int call_top, const CallKind& kind, const StartArgs& args) {
+void push_call(MTR_CXT_VAR& var, int call_top, char type, const StartArgs& args) {
+  PTRC_HASH_ENT& entry = *var.ptrc;
   CallEntry& call = entry.call_stack[call_top];
   put_call_text(call.func_nm, sizeof call.func_nm - 1, args.func_nm);
   put_call_text(call.call_at, sizeof call.call_at - 1, args.call_at);
   put_call_text(call.call_src, sizeof call.call_src - 2, args.call_src);
   store(call.line, args.line);
-  store(call.type, kind.type);
-  store_time(call.start_tv, now());
+  store(call.type, type);
+  store_time(call.start_tv, now(var.clock));
   store_time(call.end_tv, {});
   store(call.seq, load(entry.call_cnt));
   store(call.result.status, args.status);
@@ -132,27 +129,25 @@ void push_call(PTRC_HASH_ENT& entry, int call_top, const CallKind& kind, const S
   store(entry.call_top, static_cast<std::int8_t>(call_top + 1));
 }
 
-int start_call(MTR_CXT_VAR& var, const CallKind& kind, const StartArgs& args) {
+template <char kType>
+int start_call(MTR_CXT_VAR& var, const StartArgs& args) {
+  constexpr bool kIsDbio = kType == kDbioCall;
   PTRC_HASH_ENT& entry = *var.ptrc;
-  store(entry.in_dbio, static_cast<std::uint8_t>(kind.is_dbio() ? 1 : 0));
-  const SvcLevel* const level = current_level(var);
-  if (level == nullptr) return TRAN_RC_DEPTH;
-  if (const int rc =
-          trace_validate(var, kind.type, kCallInfoSApi, var.rec, Text::of(level->svc_id), {});
-      rc != 0)
-    return rc;
+  store(entry.in_dbio, std::uint8_t{kIsDbio});
+  if (current_level(var) == nullptr) return TRAN_RC_DEPTH;
+  if (const int rc = validate_call<kType>(var); rc != 0) return rc;
 
   count_start(var);
   const std::int32_t call_nest = load(entry.call_nest);
   if (call_nest < 0) return refuse_negative_nesting(text_or_empty(args.func_nm));
-  if (call_nest > load(entry.trc_depth) && !kind.is_dbio()) return TRAN_RC_OK;  // not traced
+  if (!kIsDbio && call_nest > load(entry.trc_depth)) return TRAN_RC_OK;  // not traced
   const int call_top = load(entry.call_top);
   if (call_top < 0 || call_top > kMaxCallDepth) return TRAN_RC_CALL_DEPTH;
   if (const CallEntry* const top = innermost_call(entry);
-      top != nullptr && kind.is_dbio() && load(top->type) == kDbioCall)
+      kIsDbio && top != nullptr && load(top->type) == kDbioCall)
     return refuse_nested_dbio(entry, *top, text_or_empty(args.func_nm));
   if (call_top == kMaxCallDepth) return TRAN_RC_CALL_DEPTH;
-  push_call(entry, call_top, kind, args);
+  push_call(var, call_top, kType, args);
   return TRAN_RC_OK;
 }
 
@@ -179,7 +174,7 @@ Place place_of(int call_last_top, int call_top) {
 
 // An ended call in numbers, taken before anything of it is cleared.
 struct EndedCall {
-  const CallKind& kind;
+  char type;
   const SvcLevel* service = nullptr;
   CallEntry* call = nullptr;
   CallEntry* children = nullptr;  // slot of the calls that it made; null past the stack's end
@@ -191,7 +186,8 @@ struct EndedCall {
 
   bool recorded = false;
 
-  bool is_leaf_dbio() const { return kind.is_dbio() && place != Place::kParent; }
+  bool is_dbio() const { return type == kDbioCall; }
+  bool is_leaf_dbio() const { return is_dbio() && place != Place::kParent; }
 };
 
 [[gnu::cold]] int refuse_end_without_start(Text func_nm) {
@@ -229,7 +225,7 @@ void add_up_leaf(PTRC_HASH_ENT& entry, const EndedCall& ended) {
   CallEntry& call = *ended.call;
   if (ended.place == Place::kFirst) clear_sums(call);
   add_to(call.lvl_elapsed_us, ended.elapsed);
-  if (!ended.kind.is_dbio()) return;
+  if (!ended.is_dbio()) return;
   add_to(call.lvl_dbio_us, ended.elapsed);
   add_to(entry.dbio_elapsed_total, ended.elapsed);
 }
@@ -242,12 +238,12 @@ void add_up_parent(const EndedCall& ended) {
   clear_sums(*ended.children);
 }
 
-[[gnu::cold]] void report_over_calling(MTR_CXT_VAR& var) {
+[[gnu::cold]] void report_over_calling(MTR_CXT_VAR& var, const SvcLevel& service) {
   PTRC_HASH_ENT& entry = *var.ptrc;
-  const std::string_view service = printable(Text::of(entry.main_svc_id), sizeof entry.main_svc_id);
+  const std::string_view main = printable(Text::of(entry.main_svc_id), sizeof entry.main_svc_id);
   Message<kEventBody.back().width> message;
-  message << "서비스(" << service;
-  for (std::size_t n = service.size(); n < sizeof entry.main_svc_id; ++n) message << ' ';
+  message << "서비스(" << main;
+  for (std::size_t n = main.size(); n < sizeof entry.main_svc_id; ++n) message << ' ';
   message << ") 수행 도중, BIZCALL(Method) 또는 DBIO함수 과다 호출(기준 "
           << gvar.infinite_loop_base_cnt << "건초과) 증상이 발견되었습니다.";
   const auto in_header = [&](const Field& field) {
@@ -257,7 +253,7 @@ void add_up_parent(const EndedCall& ended) {
   event.hdr_cd = in_header(kHdrCd);
   event.hdr_flag = in_header(kHdrFlag);
   event.gid = in_header(kGid);
-  event.svc_id = in_header(kSvcId);
+  event.svc_id = Text::of(service.svc_id);
   event.event_cd = {"1300", 4};
   event.recv_svc_cd = {entry.main_recv_svc_cd, -1};
   event.chnl_class = {&entry.chnl_class, 1};
@@ -272,24 +268,22 @@ void raise_limits(PTRC_HASH_ENT& entry) {
     store(*limit, std::max(load(*limit), kOverCallLimitUs));
 }
 
-std::int32_t whole_ms(std::int64_t us) { return static_cast<std::int32_t>(us / 1000); }
-
 void calc_call_stat(MTR_CXT_VAR& var, const EndedCall& ended) {
   SvcCallStat& stat = var.svc_call_stat;
-  if (ended.kind.is_dbio()) {
+  if (ended.is_dbio()) {
     add_to(stat.dbio_elapsed_sum, ended.elapsed);
     ++stat.dbio_cnt;
-    stat.dbio_max_ms = std::max(stat.dbio_max_ms, whole_ms(ended.elapsed));
+    stat.dbio_max = std::max(stat.dbio_max, ended.elapsed);
   } else {
     const std::int64_t own = difference(ended.elapsed, ended.children_elapsed);
     add_to(stat.biz_elapsed_sum, ended.elapsed);
     ++stat.biz_cnt;
-    stat.biz_max_ms = std::max(stat.biz_max_ms, whole_ms(ended.elapsed));
-    stat.biz_self_max_ms = std::max(stat.biz_self_max_ms, whole_ms(own));
+    stat.biz_max = std::max(stat.biz_max, ended.elapsed);
+    stat.biz_self_max = std::max(stat.biz_self_max, own);
   }
   const std::int64_t calls = std::int64_t{stat.biz_cnt} + stat.dbio_cnt;
   if (calls <= gvar.infinite_loop_base_cnt || stat.over_call_flag != 0) return;
-  report_over_calling(var);
+  report_over_calling(var, *ended.service);
   raise_limits(*var.ptrc);
   stat.over_call_flag = 1;
 }
@@ -312,7 +306,7 @@ void put_times(Body& body, const PTRC_HASH_ENT& entry, const EndedCall& ended) {
     body.seconds(difference(ended.children_elapsed, ended.children_dbio)) << ',';
     body.seconds(ended.children_dbio) << ',';
   } else {
-    body.seconds(ended.kind.is_dbio() ? 0 : ended.elapsed) << ",0.000000,0.000000,";
+    body.seconds(ended.is_dbio() ? 0 : ended.elapsed) << ",0.000000,0.000000,";
   }
   for (const TimeVal& place : {ended.call->start_tv, ended.call->end_tv}) {
     const TimeVal tv = load_time(place);
@@ -351,9 +345,11 @@ int send_call(MTR_CXT_VAR& var, const EndedCall& ended, const EndArgs& args) {
   const Text text = body.text();
   put_fields<kCallBody>(var.rec.view, {&text, 1});
   const TimeVal end = load_time(ended.call->end_tv);
-  put_header(var, var.rec, ended.kind.record, args.head, Text::of(ended.service->gid),
+  const RecordKind& kind = ended.is_dbio() ? kKind<kDbioCall> : kKind<kBizCall>;
+  put_svc_id(var.rec, Text::of(ended.service->svc_id));
+  put_header(var, var.rec, kind, args.head, Text::of(ended.service->gid),
              local_stamp(var.stamp, end.sec, end.usec));
-  close_record(var, ended.kind.record);
+  close_record(var, kind);
   return tran_logb(var, var.rec);
 }
 
@@ -374,14 +370,14 @@ void flush_pending_sql(MTR_CXT_VAR& var, const EndedCall& ended) {
 // recorded, or 0.
 int settle_call(MTR_CXT_VAR& var, EndedCall& ended) {
   PTRC_HASH_ENT& entry = *var.ptrc;
-  const std::int8_t rec_off = ended.kind.is_dbio() ? load(entry.dbio_rec_off) : std::int8_t{0};
+  const std::int8_t rec_off = ended.is_dbio() ? load(entry.dbio_rec_off) : std::int8_t{0};
   if (rec_off != 0 && ended.is_leaf_dbio()) return suppressed_code(rec_off);
 
   const bool slow_or_failed = is_recorded(entry, ended);
   flush_pending_sql(var, ended);
   if (ended.place == Place::kParent) add_up_parent(ended);
   if (rec_off != 0) return suppressed_code(rec_off);
-  if (!slow_or_failed) return ended.kind.is_dbio() ? TRAN_RC_DBIO_SHORT : TRAN_RC_CALL_SHORT;
+  if (!slow_or_failed) return ended.is_dbio() ? TRAN_RC_DBIO_SHORT : TRAN_RC_CALL_SHORT;
   ended.recorded = true;
   return TRAN_RC_OK;
 }
@@ -389,7 +385,7 @@ int settle_call(MTR_CXT_VAR& var, EndedCall& ended) {
 int pop_call(MTR_CXT_VAR& var, int call_top, int rc, EndedCall& ended) {
   PTRC_HASH_ENT& entry = *var.ptrc;
   CallEntry& call = entry.call_stack[call_top - 1];
-  const TimeVal end = now();
+  const TimeVal end = now(var.clock);
   store_time(call.end_tv, end);
   classify_error(entry, call_top, rc);
 
@@ -412,20 +408,18 @@ int pop_call(MTR_CXT_VAR& var, int call_top, int rc, EndedCall& ended) {
 }
 
 // All of a call's end but its record.
+template <char kType>
 int end_call(MTR_CXT_VAR& var, Text func_nm, int rc, EndedCall& ended) {
   ended.service = current_level(var);
   if (ended.service == nullptr) return TRAN_RC_DEPTH;
-  if (const int refused = trace_validate(var, ended.kind.type, kCallInfoFApi, var.rec,
-                                         Text::of(ended.service->svc_id), {});
-      refused != 0)
-    return refused;
+  if (const int refused = validate_call<kType>(var); refused != 0) return refused;
 
   PTRC_HASH_ENT& entry = *var.ptrc;
   const int call_top = load(entry.call_top);
   if (call_top < 1 || call_top > kMaxCallDepth) return refuse_end_without_start(func_nm);
   const std::int32_t call_nest = load(entry.call_nest);
   if (call_nest < 0) return refuse_end_below_zero(func_nm);
-  const bool too_deep = call_nest > load(entry.trc_depth) && !ended.kind.is_dbio();
+  const bool too_deep = kType == kBizCall && call_nest > load(entry.trc_depth);
   const int result = too_deep ? TRAN_RC_CALL_TOO_DEEP : pop_call(var, call_top, rc, ended);
   add_to(entry.call_nest, -1);
   return result;
@@ -450,18 +444,22 @@ int TRAN_CALLINFO_S(int tid, const char*, int, const char*, int, const char*, in
                           .status = status};
   Call call;
   if (call.code() != 0) return call.code();
-  const CallKind& kind = classify(args.func_nm);
-  call.admit_for(kind.record.log_flag);
-  return call.in_context(tid, [&](MTR_CXT_VAR& var) { return start_call(var, kind, args); });
+  const char type = type_of_call(args.func_nm);
+  call.admit_for(log_flag_of_call(type));
+  return call.in_context(tid, [&](MTR_CXT_VAR& var) {
+    return type == kDbioCall ? start_call<kDbioCall>(var, args) : start_call<kBizCall>(var, args);
+  });
 }
 
 int TRAN_CALLINFO_F(TRAN_CALL_PARAMETERS) {
   Call call;
   if (call.code() != 0) return call.code();
-  EndedCall ended{.kind = classify({func_nm, func_nm_len})};
-  call.admit_for(ended.kind.record.log_flag);
+  EndedCall ended{.type = type_of_call({func_nm, func_nm_len})};
+  call.admit_for(log_flag_of_call(ended.type));
   return call.in_context(tid, [&](MTR_CXT_VAR& var) {
-    const int result = end_call(var, {func_nm, func_nm_len}, status, ended);
+    const Text name = {func_nm, func_nm_len};
+    const int result = ended.is_dbio() ? end_call<kDbioCall>(var, name, status, ended)
+                                       : end_call<kBizCall>(var, name, status, ended);
     if (!ended.recorded) return result;
     // GID and service id are those of the open service.
     const Text head[] = {VARN_HEAD_VIEWS};

@@ -41,7 +41,7 @@ void report_svctimeout(MTR_CXT_VAR& var) {
 
   Message<kInfoBody.back().width> message;
   message << "TPSVCTIMEOUT(tpsvctimeout call)이 감지되었습니다.(경과시간 "
-          << static_cast<std::int64_t>(static_cast<std::uint64_t>(now().sec) -
+          << static_cast<std::int64_t>(static_cast<std::uint64_t>(now(var.clock).sec) -
                                        static_cast<std::uint64_t>(since))
           << " sec) [" << printable(Text::of(entry.main_svc_id), sizeof entry.main_svc_id) << ']'
           << std::string_view(described);

@@ -113,7 +113,7 @@ int TRAN_SQL_STMT(int tid, int mode, const char* date_str, int date_str_len, con
 
 int TRAN_SET_TIME(int tid) {
   return Call(0).in_context(tid, [](MTR_CXT_VAR& var) {
-    store_time(var.ptrc->preset_time, now());
+    store_time(var.ptrc->preset_time, now(var.clock));
     return TRAN_RC_OK;
   });
 }

@@ -24,9 +24,8 @@ std::uint64_t get_tid(const Caller& caller, int tid);
 // Tells the log that a call found no context.
 [[gnu::cold]] void log_no_context(const char* call, int rc, int tid);
 
-// Finds or claims the context: 0, or 103, 107 or 116.
+// Finds or claims the context, inside a call of a started agent: 0, or 107 or 116.
 inline int get_mtr_cxt_var(Caller& caller, int tid, MTR_CXT_VAR** out) {
-  if (!is_started()) return TRAN_RC_NOT_STARTED;
   MTR_CXT_VAR* var = caller.var.load(std::memory_order_relaxed);
   // The same thread again: no search and no lock.
   const bool is_same = var != nullptr && caller.tid_arg == (tid < 0 ? -1 : tid) &&

@@ -9,7 +9,7 @@ namespace {
 
 // Composes a record from the call's own texts alone, once validation has passed.
 TimeVal compose(MTR_CXT_VAR& var, const RecordKind& kind, Pairs pairs) {
-  const TimeVal current = now();
+  const TimeVal current = now(var.clock);
   put_header(var, var.rec, kind, pairs.first(kHeadPairs), pairs[kPair_gid],
              local_stamp(var.stamp, current.sec, current.usec));
   put_service(var, kind, pairs, 0, 0);

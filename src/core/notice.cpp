@@ -16,7 +16,7 @@ constexpr std::size_t kLoggedGid = 30;
 // Composes and sends, once validation has passed.
 template <char kRecType, const auto& kBody>
 int send_notice(MTR_CXT_VAR& var, Pairs pairs, Text gid) {
-  const TimeVal tv = now();
+  const TimeVal tv = now(var.clock);
   const RecordKind& kind = kKind<kRecType>;
   put_header(var, var.rec, kind, pairs.first(kHeadPairs), gid,
              local_stamp(var.stamp, tv.sec, tv.usec));

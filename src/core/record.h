@@ -12,8 +12,14 @@ namespace varn {
 
 using Pairs = std::span<const Text>;
 
-// Fills the header of one of the context's two records, but for the service id, which validation
-// has written. The first seven pairs are a call's; `gid` stands for its GID.
+inline void put_svc_id(TRAN_LOGF_QUE_DATA& record, Text svc_id) {
+  char* const field = record.view + kSvcId.at;
+  put_padded(field, kSvcId.width, svc_id);
+  field[kSvcId.width] = ' ';
+}
+
+// Fills the header of one of the context's two records, but for the service id, which is there
+// already. The first seven pairs are a call's; `gid` stands for its GID.
 void put_header(const MTR_CXT_VAR& var, TRAN_LOGF_QUE_DATA& record, const RecordKind& kind,
                 Pairs head, Text gid, const Stamp& stamp);
 

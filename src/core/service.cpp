@@ -210,7 +210,7 @@ int start_service(MTR_CXT_VAR& var, const ServiceForm& form, int tid, Pairs pair
       log_stray_log_bit(var, "START_BIT", tid, var.svc_stack[0], pairs);
     var.log_bit = kStartBit;
   }
-  const TimeVal current = now();
+  const TimeVal current = now(var.clock);
   const TimeVal moment = pairs[kPair_time_str].given() ? current : start_moment(var, current);
   put_header(var, var.rec, form.start, pairs.first(kHeadPairs), pairs[kPair_gid],
              stamp_of(var, current, moment));
@@ -245,6 +245,8 @@ float average_ms(std::int64_t sum_us, std::uint32_t count) {
   return static_cast<float>(sum_us) / static_cast<float>(count) / 1000.0F;
 }
 
+std::int32_t whole_ms(std::int64_t us) { return static_cast<std::int32_t>(us / 1000); }
+
 void report_call_statistics(MTR_CXT_VAR& var, const ServiceForm& form) {
   const PTRC_HASH_ENT& entry = *var.ptrc;
   const SvcCallStat& stat = var.svc_call_stat;
@@ -253,10 +255,10 @@ void report_call_statistics(MTR_CXT_VAR& var, const ServiceForm& form) {
           << stat.max_call_nest << " ] [ BIZCALL(Method) "
           << static_cast<std::int32_t>(stat.biz_cnt) << "건 (전체 Avg/Max ";
   message.fixed2(average_ms(stat.biz_elapsed_sum, stat.biz_cnt))
-      << '/' << stat.biz_max_ms << " ms, 개별 Max " << stat.biz_self_max_ms << " ms) ], [ DBIO "
-      << static_cast<std::int32_t>(stat.dbio_cnt) << "건 (Avg/Max ";
+      << '/' << whole_ms(stat.biz_max) << " ms, 개별 Max " << whole_ms(stat.biz_self_max)
+      << " ms) ], [ DBIO " << static_cast<std::int32_t>(stat.dbio_cnt) << "건 (Avg/Max ";
   message.fixed2(average_ms(stat.dbio_elapsed_sum, stat.dbio_cnt))
-      << '/' << stat.dbio_max_ms << " ms)";
+      << '/' << whole_ms(stat.dbio_max) << " ms)";
   if (!form.is_partial) {
     const std::int32_t fetch_time = load(entry.fetch_time);
     message << " fetch " << load(entry.fetch_rows) << " rows (" << fetch_time / 1000 << '.'
@@ -351,7 +353,7 @@ int end_service(MTR_CXT_VAR& var, const ServiceForm& form, int tid, Pairs pairs)
     report_changed_gid(var, pairs, top);
   if (outermost) var.log_bit |= kEndBit;
 
-  const TimeVal current = now();
+  const TimeVal current = now(var.clock);
   const EndTimes times = end_times(var, pairs, current);
   put_header(var, var.rec, form.end, pairs.first(kHeadPairs), Text::of(top.gid),
              stamp_of(var, current, times.moment));
@@ -375,7 +377,7 @@ int report_error(MTR_CXT_VAR& var, Pairs pairs) {
   if (const int rc = trace_validate(var, '9', kErrorApi, var.rec, Text::of(level->svc_id), {});
       rc != 0)
     return rc;
-  const TimeVal current = now();
+  const TimeVal current = now(var.clock);
   put_header(var, var.rec, kKind<'9'>, pairs.first(kHeadPairs), Text::of(level->gid),
              local_stamp(var.stamp, current.sec, current.usec));
   put_service(var, kKind<'9'>, pairs, 0, 0);

@@ -37,7 +37,7 @@ void begin_batch(MTR_CXT_VAR& var, const SvcLevel& level, const Statement& state
   Text head[kHeadPairs];
   head[kPair_date_str] = statement.date_str;
   head[kPair_time_str] = statement.time_str;
-  const TimeVal current = now();
+  const TimeVal current = now(var.clock);
   put_header(var, var.rec2, kKind<'Q'>, head, Text::of(level.gid),
              local_stamp(var.stamp, current.sec, current.usec));
 }

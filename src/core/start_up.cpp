@@ -15,6 +15,7 @@
 #include "layout/config_keys.h"
 #include "tong/th_job.h"
 #include "tong/tong.h"
+#include "util/clock.h"
 #include "util/log_printf.h"
 #include "util/msgq.h"
 #include "util/readcfg.h"
@@ -357,6 +358,7 @@ int tran_init() {
     log_printf("<!> tran_init fail, create tong log deffered que create fail.");
     return kFailed;
   }
+  start_tick_clock();
   return 0;
 }
 

@@ -5,7 +5,9 @@
 #include <limits>
 #include <string_view>
 
+#include "core/filter.h"
 #include "core/gvar.h"
+#include "core/record.h"
 #include "hash/get_svc_hash.h"
 #include "util/log_printf.h"
 #include "util/shared_word.h"
@@ -14,38 +16,6 @@ namespace varn {
 namespace {
 
 constexpr std::int8_t kSnapshotTrcDepth = 50;
-
-enum class Filter { kPass, kRefuse, kGoOn };
-
-// What service filtering says of a record kind with this bit in a service's trace flags.
-Filter service_filter(const MTR_CXT_VAR& var, std::uint8_t svc_flag) {
-  const std::uint8_t filtering = load(gvar.que_info->svc_filtering);
-  if (filtering == 0) return Filter::kGoOn;
-  if (var.svc != nullptr)
-    return (load(var.svc->trace_flags) & svc_flag) != 0 ? Filter::kPass : Filter::kRefuse;
-  return filtering == 2 ? Filter::kRefuse : Filter::kGoOn;
-}
-
-bool is_switched_on(std::uint8_t log_flag) {
-  return (load(gvar.que_info->log_flag_set) & log_flag) != 0;
-}
-
-std::uint8_t snapshot_state(const MTR_CXT_VAR& var) { return load(var.ptrc->snapshot_state); }
-
-bool has_open_service(const MTR_CXT_VAR& var) {
-  return var.log_bit != 0 && (var.log_bit & (kStartBit | kEndBit)) != (kStartBit | kEndBit);
-}
-
-// The filter, the flag, and for most kinds a running snapshot, which admits what is switched off.
-int filter_and_flag(const MTR_CXT_VAR& var, const RecordKind& kind, SnapshotState admitting) {
-  if (kind.svc_flag != 0) {
-    const Filter filter = service_filter(var, kind.svc_flag);
-    if (filter == Filter::kPass) return TRAN_RC_OK;
-    if (filter == Filter::kRefuse) return TRAN_RC_FILTERED;
-  }
-  if (is_switched_on(kind.log_flag) || snapshot_state(var) == admitting) return TRAN_RC_OK;
-  return TRAN_RC_SWITCHED_OFF;
-}
 
 std::int64_t limit_us(std::uint64_t limit) {
   constexpr std::uint64_t kMost = std::numeric_limits<std::int64_t>::max();
@@ -145,20 +115,6 @@ int validate_end(MTR_CXT_VAR& var, const RecordKind& kind) {
   return TRAN_RC_OK;
 }
 
-// Database calls are never refused by the flag: they go on being timed, and the entry says why they
-// are not recorded.
-int validate_dbio(MTR_CXT_VAR& var, const RecordKind& kind) {
-  const auto set_rec_off = [&](std::int8_t why) { store(var.ptrc->dbio_rec_off, why); };
-  set_rec_off(0);
-  if (load(gvar.que_info->svc_filtering) != 0 && var.svc != nullptr) {
-    if (service_filter(var, kind.svc_flag) == Filter::kRefuse) set_rec_off('y');
-    return TRAN_RC_OK;
-  }
-  if (service_filter(var, kind.svc_flag) == Filter::kRefuse) return TRAN_RC_FILTERED;
-  if (!is_switched_on(kind.log_flag) && snapshot_state(var) != kSnapshotRunning) set_rec_off('d');
-  return TRAN_RC_OK;
-}
-
 // Client-handler and web calls open no service level of their own.
 constexpr bool is_flat(ApiType api_type) {
   return api_type == kClhStartApi || api_type == kClhEndApi || api_type == kClhErrorApi ||
@@ -179,21 +135,15 @@ constexpr bool needs_open_service(char rec_type, ApiType api_type) {
   }
 }
 
-bool is_foreign_entry(const MTR_CXT_VAR& var, char rec_type) {
-  const std::int32_t ent_pid = load(var.ptrc->ent_pid);
-  const std::uint64_t ent_tid = load(var.ptrc->ent_tid);
-  if (ent_pid == var.pid && ent_tid == var.tid) [[likely]]
-    return false;
-  if (rec_type == '1' || rec_type == '2')
-    VARN_LOG_LIMITED(
-        "<!> PTRC HASH (pid %d, tid %lu) is not equal to MTR_CXT_VAR (pid %d, tid %lu)", ent_pid,
-        ent_tid, var.pid, var.tid);
-  return true;
+void log_other_owner(const MTR_CXT_VAR& var) {
+  VARN_LOG_LIMITED("<!> PTRC HASH (pid %d, tid %lu) is not equal to MTR_CXT_VAR (pid %d, tid %lu)",
+                   load(var.ptrc->ent_pid), load(var.ptrc->ent_tid), var.pid, var.tid);
 }
 
-int entry_fault(MTR_CXT_VAR& var, char rec_type) {
-  if (var.cxt_init_flag == TRAN_RC_NO_ENTRY || var.ptrc == nullptr) return TRAN_RC_NO_ENTRY;
-  return is_foreign_entry(var, rec_type) ? TRAN_RC_FOREIGN_ENTRY : TRAN_RC_OK;
+int entry_fault(const MTR_CXT_VAR& var, char rec_type) {
+  const int rc = entry_fault(var);
+  if (rc == TRAN_RC_FOREIGN_ENTRY && (rec_type == '1' || rec_type == '2')) log_other_owner(var);
+  return rc;
 }
 
 // With the record type known to the compiler, which leaves out what other kinds are asked.
@@ -204,13 +154,11 @@ template <char kRecType>
   if (const int rc = entry_fault(var, kRecType); rc != 0) return rc;
   if (needs_open_service(kRecType, api_type) && !has_open_service(var)) return TRAN_RC_NO_SERVICE;
   if (kRecType == 'Q' && load(var.ptrc->sql_cnt) > kSqlEntries) return TRAN_RC_TOO_MANY_SQL;
-  char* const header_svc_id = record.view + kSvcId.at;
-  put_padded(header_svc_id, kSvcId.width, svc_id);
-  header_svc_id[kSvcId.width] = ' ';
+  put_svc_id(record, svc_id);
 
-  if constexpr (kRecType == '1') return validate_start(var, kind, header_svc_id, snap_cd);
+  if constexpr (kRecType == '1') return validate_start(var, kind, record.view + kSvcId.at, snap_cd);
   if constexpr (kRecType == '2') return validate_end(var, kind);
-  if constexpr (kRecType == 'B') return validate_dbio(var, kind);
+  if constexpr (kRecType == 'B') return filter_dbio(var);
   return filter_and_flag(var, kind, kRecType == 'V' ? kSnapshotFinished : kSnapshotRunning);
 }
 

@@ -41,15 +41,15 @@ VARN_PIN(SvcLevel, svc_id, 33);
 VARN_PIN(SvcLevel, recv_svc_cd, 54);
 static_assert(sizeof(SvcLevel) == 74);
 
-// What the calls of the current service add up to. Times in microseconds unless named otherwise.
+// What the calls of the current service add up to. Times in microseconds.
 struct SvcCallStat {
   std::uint32_t biz_cnt;
   std::uint32_t dbio_cnt;
   std::int64_t biz_elapsed_sum;
   std::int64_t dbio_elapsed_sum;
-  std::int32_t biz_max_ms;
-  std::int32_t biz_self_max_ms;  // less the time of its own calls
-  std::int32_t dbio_max_ms;
+  std::int64_t biz_max;
+  std::int64_t biz_self_max;  // less the time of its own calls
+  std::int64_t dbio_max;
   std::int32_t max_call_nest;
   std::uint8_t over_call_flag;
 };
@@ -74,6 +74,7 @@ struct MTR_CXT_VAR {
   std::uint32_t gid_hash;      // of the part of hashed_gid that chooses the queue
   char hashed_gid[32];
   SvcCallStat svc_call_stat;
+  ClockBase clock;
   StampCache stamp;
   SvcLevel svc_stack[kMaxSvcDepth];
   TRAN_LOGF_QUE_DATA rec;

@@ -18,7 +18,15 @@ struct Stamp {
   char time[12];  // HHMMSS and six digits of microseconds
 };
 
-// In a place that one thread at a time uses. All zero is empty.
+// A reading of the system's clock, and of the processor's time stamp counter with it. Like the
+// next, in a place that one thread at a time uses.
+struct ClockBase {
+  std::uint64_t ticks;
+  std::int64_t sec;
+  std::int64_t nsec;
+};
+
+// All zero is empty.
 struct StampCache {
   std::int64_t second;        // whose text `date` and `time` hold
   std::int64_t offset_from;   // seconds from which `utc_offset` holds,

@@ -1,6 +1,10 @@
 #include "util/clock.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
@@ -39,6 +43,66 @@ constexpr Civil civil_from_days(std::int64_t days) {
 static_assert(civil_from_days(0).year == 1970 && civil_from_days(0).month == 1);
 static_assert(civil_from_days(11'016).month == 2 && civil_from_days(11'016).day == 29);
 
+// ---- The counter ----
+
+constexpr std::uint64_t kMostReading = 20'000;  // ticks that a reading of both clocks may take
+constexpr std::int64_t kMeasuredNs = 10'000'000;
+constexpr std::int64_t kSpanNs = 1'000'000;
+
+// Both clocks at the start of the measurement: under no lock, a start is one thread's.
+struct TickStart {
+  std::uint64_t ticks;
+  std::int64_t nsec;  // of the monotonic clock, which nobody sets
+};
+constinit TickStart tick_start = {};
+constinit std::atomic<bool> is_measuring = false;
+
+struct Reading {
+  timespec time;
+  std::uint64_t ticks;  // taken after the time: what is reckoned from them is not ahead of it
+  bool is_sharp;        // the thread was not interrupted between the two
+};
+
+Reading read_both(clockid_t clock) {
+  Reading reading = {};
+  const std::uint64_t before = __builtin_ia32_rdtsc();
+  clock_gettime(clock, &reading.time);
+  reading.ticks = __builtin_ia32_rdtsc();
+  reading.is_sharp = reading.ticks - before < kMostReading;
+  return reading;
+}
+
+std::int64_t nanoseconds(const timespec& time) { return time.tv_sec * kNsPerSec + time.tv_nsec; }
+
+// A counter that stops or runs unevenly is not what the kernel takes for its clock.
+bool is_kept_by_kernel() {
+  const char* const choice = secure_getenv("VARN_CLOCK");
+  if (choice != nullptr && std::strcmp(choice, "system") == 0) return false;
+  char name[8] = {};
+  const int fd = open("/sys/devices/system/clocksource/clocksource0/current_clocksource",
+                      O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const ssize_t size = read(fd, name, sizeof name - 1);
+  close(fd);
+  return size > 0 && std::strcmp(name, "tsc\n") == 0;
+}
+
+// Once enough time has passed since the start.
+void measure_ticks() {
+  const Reading now = read_both(CLOCK_MONOTONIC);
+  const std::int64_t nsec = nanoseconds(now.time) - tick_start.nsec;
+  const std::uint64_t ticks = now.ticks - tick_start.ticks;
+  if (nsec < kMeasuredNs || !now.is_sharp) return;
+  if (!is_measuring.exchange(false)) return;
+  const double nsec_of_tick = static_cast<double>(nsec) / static_cast<double>(ticks);
+  // A little slow, so that time does not step back where a new reading takes over.
+  constexpr double kSlow = 1.0 - 1.0 / 1024;
+  tick_clock.nsec_32.store(static_cast<std::uint64_t>(nsec_of_tick * kSlow * 0x1p32));
+  tick_clock.span.store(static_cast<std::uint64_t>(kSpanNs / nsec_of_tick));
+}
+
+// ---- Local time ----
+
 [[gnu::cold, gnu::noinline]] void refresh_offset(StampCache& cache, std::int64_t sec) {
   const ErrnoGuard errno_kept;
   const time_t t = sec;
@@ -69,6 +133,27 @@ void refresh_second(StampCache& cache, std::int64_t sec) {
 }
 
 }  // namespace
+
+constinit TickClock tick_clock = {};
+
+void start_tick_clock() {
+  if (tick_clock.span.load() != 0 || is_measuring.load() || !is_kept_by_kernel()) return;
+  const Reading start = read_both(CLOCK_MONOTONIC);
+  if (!start.is_sharp) return;
+  tick_start = {start.ticks, nanoseconds(start.time)};
+  is_measuring.store(true);
+}
+
+TimeVal read_clock(ClockBase& base) {
+  if (tick_clock.span.load(std::memory_order_relaxed) == 0) {
+    if (is_measuring.load()) measure_ticks();
+    return now();
+  }
+  const Reading reading = read_both(CLOCK_REALTIME);
+  base = {reading.ticks, reading.time.tv_sec, reading.time.tv_nsec};
+  if (!reading.is_sharp) base.ticks = 0;
+  return {reading.time.tv_sec, reading.time.tv_nsec / 1000};
+}
 
 Stamp local_stamp(StampCache& cache, std::int64_t sec, std::int64_t usec) {
   if (sec != cache.second || cache.date[0] == '\0') [[unlikely]]

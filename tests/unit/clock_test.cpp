@@ -48,5 +48,39 @@ TEST(LocalStamp, AgreesWithTheLibraryInEveryZone) {
   EXPECT_EQ(text_of(local_stamp(cache, INT64_MAX, 0)).substr(0, 4), "9999");
 }
 
+std::int64_t us_of(const TimeVal& tv) { return tv.sec * kUsPerSec + tv.usec; }
+
+// Reads until the counter serves, or for longer than it needs to be measured.
+bool is_counter_used(ClockBase& base) {
+  const std::int64_t give_up = us_of(now()) + 50'000;
+  while (tick_clock.span == 0 && us_of(now()) < give_up) now(base);
+  return tick_clock.span != 0;
+}
+
+TEST(TickClock, AgreesWithTheSystemsClockAndDoesNotGoBack) {
+  ClockBase base = {};
+  setenv("VARN_CLOCK", "system", 1);
+  start_tick_clock();
+  EXPECT_FALSE(is_counter_used(base));
+  unsetenv("VARN_CLOCK");
+  start_tick_clock();
+  if (!is_counter_used(base)) GTEST_SKIP() << "the kernel does not keep time by the counter";
+
+  const std::int64_t end = us_of(now()) + 300'000;
+  std::int64_t last = 0;
+  for (std::int64_t before = us_of(now()); before < end; before = us_of(now())) {
+    const std::int64_t us = us_of(now(base));
+    ASSERT_GE(us, before - 2) << "it runs a thousandth slow, for a millisecond";
+    ASSERT_LE(us, us_of(now()));
+    ASSERT_GE(us, last);
+    last = us;
+  }
+  // A moment that is not this clock's, as after a migration, is not extrapolated from.
+  for (const std::uint64_t ticks : {std::uint64_t{0}, ~std::uint64_t{0}}) {
+    base = {ticks, 5, 5};
+    EXPECT_GE(us_of(now(base)), last);
+  }
+}
+
 }  // namespace
 }  // namespace varn::test
