@@ -295,10 +295,24 @@ bool is_recorded(const PTRC_HASH_ENT& entry, const EndedCall& ended) {
   return true;
 }
 
-using Body = Message<kCallBody.back().width>;
+// Holds all pieces at their longest, to be cut to the record's width at the end: three texts of the
+// caller, those of the entry, and the numbers with what stands between them.
+constexpr std::size_t kLongestBody = 3 * kCallBody.back().width + sizeof(CallEntry::func_nm) +
+                                     sizeof(CallEntry::call_src) + sizeof(PTRC_HASH_ENT::db_user) +
+                                     sizeof(PTRC_HASH_ENT::db_sid) + std::size_t{32} * 24;
+using Body = Message<kLongestBody, true>;
+
+void put_moment(Body& body, const StampCache& stamp, const TimeVal& tv) {
+  if (const std::string_view digits = cached_digits(stamp, tv.sec); !digits.empty()) [[likely]]
+    body << std::string_view(digits.data(), sizeof stamp.seconds);
+  else
+    body << tv.sec;
+  (body << '.').micros(tv.usec) << ',';
+}
 
 // "LEVEL,DEPTH,T1,T2,T3,T4,START,END,": total, own, business and database time.
-void put_times(Body& body, const PTRC_HASH_ENT& entry, const EndedCall& ended) {
+void put_times(Body& body, const PTRC_HASH_ENT& entry, const StampCache& stamp,
+               const EndedCall& ended) {
   body << ended.level << ',' << std::int32_t{load(entry.trc_depth)} << ',';
   body.seconds(ended.elapsed) << ',';
   if (ended.place == Place::kParent) {
@@ -308,10 +322,8 @@ void put_times(Body& body, const PTRC_HASH_ENT& entry, const EndedCall& ended) {
   } else {
     body.seconds(ended.is_dbio() ? 0 : ended.elapsed) << ",0.000000,0.000000,";
   }
-  for (const TimeVal& place : {ended.call->start_tv, ended.call->end_tv}) {
-    const TimeVal tv = load_time(place);
-    (body << tv.sec << '.').micros(tv.usec) << ',';
-  }
+  put_moment(body, stamp, load_time(ended.call->start_tv));
+  put_moment(body, stamp, load_time(ended.call->end_tv));
 }
 
 // "[LABEL][FUNCTION at PLACE (SOURCE::LINE){NUMBER}]"
@@ -335,8 +347,10 @@ void put_sql_outcome(Body& body, const PTRC_HASH_ENT& entry, const EndedCall& en
 
 int send_call(MTR_CXT_VAR& var, const EndedCall& ended, const EndArgs& args) {
   const PTRC_HASH_ENT& entry = *var.ptrc;
+  const TimeVal end = load_time(ended.call->end_tv);
+  const Stamp stamp = local_stamp(var.stamp, end.sec, end.usec);
   Body body;
-  put_times(body, entry, ended);
+  put_times(body, entry, var.stamp, ended);
   put_function(body, ended, args);
   if (ended.is_leaf_dbio())
     put_sql_outcome(body, entry, ended);
@@ -344,11 +358,9 @@ int send_call(MTR_CXT_VAR& var, const EndedCall& ended, const EndArgs& args) {
     body << "#RC " << load(ended.call->result.rc);
   const Text text = body.text();
   put_fields<kCallBody>(var.rec.view, {&text, 1});
-  const TimeVal end = load_time(ended.call->end_tv);
   const RecordKind& kind = ended.is_dbio() ? kKind<kDbioCall> : kKind<kBizCall>;
   put_svc_id(var.rec, Text::of(ended.service->svc_id));
-  put_header(var, var.rec, kind, args.head, Text::of(ended.service->gid),
-             local_stamp(var.stamp, end.sec, end.usec));
+  put_header(var, var.rec, kind, args.head, Text::of(ended.service->gid), stamp);
   close_record(var, kind);
   return tran_logb(var, var.rec);
 }

@@ -32,7 +32,10 @@ void put_fields(char* view, Pairs texts) {
   const auto put = [&]<std::size_t kPlace>(std::integral_constant<std::size_t, kPlace>) {
     constexpr Field kField = kFields[kFirst + kPlace];
     const Text text = texts[kPlace];
-    move_text(view + kField.at, text.ptr, text.size(kField.width), kField.width);
+    if (text.len == static_cast<std::int32_t>(kField.width) && text.given())
+      std::memcpy(view + kField.at, text.ptr, kField.width);  // as telegrams' fields come
+    else
+      move_text(view + kField.at, text.ptr, text.size(kField.width), kField.width);
   };
   [&]<std::size_t... kPlaces>(std::index_sequence<kPlaces...>) {
     (put(std::integral_constant<std::size_t, kPlaces>{}), ...);

@@ -34,6 +34,7 @@ struct StampCache {
   std::int64_t utc_offset;    // seconds east of Greenwich
   char date[8];               // YYYYMMDD
   char time[6];               // HHMMSS
+  char seconds[10];           // the second itself in decimal, where it has ten digits
 };
 
 }  // namespace varn

@@ -129,6 +129,7 @@ void refresh_second(StampCache& cache, std::int64_t sec) {
   put_digits(cache.time, 2, second_of_day / 3600);
   put_digits(cache.time + 2, 2, second_of_day / 60 % 60);
   put_digits(cache.time + 4, 2, second_of_day % 60);
+  put_digits(cache.seconds, sizeof cache.seconds, sec);
   cache.second = sec;
 }
 
@@ -161,7 +162,10 @@ Stamp local_stamp(StampCache& cache, std::int64_t sec, std::int64_t usec) {
   Stamp stamp;
   std::memcpy(stamp.date, cache.date, sizeof stamp.date);
   std::memcpy(stamp.time, cache.time, sizeof cache.time);
-  put_digits(stamp.time + 6, 6, usec);
+  if (usec >= 0 && usec < kUsPerSec) [[likely]]
+    put_micros(stamp.time + 6, static_cast<std::uint32_t>(usec));
+  else
+    put_digits(stamp.time + 6, 6, usec);
   return stamp;
 }
 

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string_view>
 
 #include "layout/stamp.h"
 #include "util/shared_word.h"
@@ -65,6 +66,13 @@ inline TimeVal load_time(const TimeVal& place) { return {load(place.sec), load(p
 inline void store_time(TimeVal& place, const TimeVal& tv) {
   store(place.sec, tv.sec);
   store(place.usec, tv.usec);
+}
+
+// The decimal digits of a second, where the cache has them; none otherwise.
+inline std::string_view cached_digits(const StampCache& cache, std::int64_t sec) {
+  constexpr std::int64_t kTenDigits = 1'000'000'000;
+  if (sec != cache.second || sec < kTenDigits || sec >= 10 * kTenDigits) return {};
+  return {cache.seconds, sizeof cache.seconds};
 }
 
 // The moment in local time. Seconds outside the years 1970 to 9999 show as the nearest inside.

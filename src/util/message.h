@@ -1,5 +1,7 @@
 // A message put together piece by piece in a buffer of fixed size; what does not fit is cut. Serves
 // where a message travels in a record, so that a traced call does not pay for formatted printing.
+// With `kFits` the buffer holds the pieces whatever they are, and none is looked at before it is
+// written.
 #pragma once
 
 #include <algorithm>
@@ -11,18 +13,22 @@
 
 namespace varn {
 
-template <std::size_t kCapacity>
+template <std::size_t kCapacity, bool kFits = false>
 class Message {
  public:
   [[gnu::always_inline]] Message& operator<<(std::string_view piece) {
     // A literal costs no call.
-    if (!__builtin_constant_p(piece.size()) || piece.size() > room()) return append(piece);
-    std::memcpy(bytes_ + size_, piece.data(), piece.size());
+    if (__builtin_constant_p(piece.size()) && fits(piece.size()))
+      std::memcpy(bytes_ + size_, piece.data(), piece.size());
+    else if constexpr (kFits)
+      move_text(bytes_ + size_, piece.data(), piece.size(), kCapacity);
+    else
+      return append(piece);
     size_ += piece.size();
     return *this;
   }
   Message& operator<<(char c) {
-    if (size_ < kCapacity) bytes_[size_++] = c;
+    if (fits(1)) bytes_[size_++] = c;
     return *this;
   }
   Message& operator<<(std::int64_t number) { return padded(number, 1); }
@@ -30,6 +36,7 @@ class Message {
 
   // As "%0<width>ld" prints it, for a width of at most 20.
   Message& padded(std::int64_t number, std::size_t width) {
+    if (number >= 0 && number < 10 && width <= 1) return *this << static_cast<char>('0' + number);
     if (number < 0) {
       *this << '-';
       if (width > 0) --width;
@@ -37,7 +44,7 @@ class Message {
     const std::uint64_t size =
         number < 0 ? 0 - static_cast<std::uint64_t>(number) : static_cast<std::uint64_t>(number);
     const std::size_t digits = std::max(digit_count(size), width);
-    if (size_ + digits <= kCapacity) {
+    if (fits(digits)) {
       put_unsigned(bytes_ + size_, digits, size);
       size_ += digits;
       return *this;
@@ -49,12 +56,8 @@ class Message {
 
   // As "%06ld" prints it.
   Message& micros(std::int64_t us) {
-    if (us < 0 || us >= kUsPerSecond || size_ + 6 > kCapacity) return padded(us, 6);
-    const auto rest = static_cast<std::uint32_t>(us);
-    char* const place = bytes_ + size_;
-    put_pair(place, rest / 10'000);
-    put_pair(place + 2, rest / 100 % 100);
-    put_pair(place + 4, rest % 100);
+    if (us < 0 || us >= kUsPerSecond || !fits(6)) return padded(us, 6);
+    put_micros(bytes_ + size_, static_cast<std::uint32_t>(us));
     size_ += 6;
     return *this;
   }
@@ -89,12 +92,12 @@ class Message {
  private:
   // Out of line: a message has many pieces.
   [[gnu::noinline]] Message& append(std::string_view piece) {
-    const std::size_t n = std::min(piece.size(), room());
+    const std::size_t n = std::min(piece.size(), kCapacity - size_);
     move_text(bytes_ + size_, piece.data(), n, kCapacity);
     size_ += n;
     return *this;
   }
-  std::size_t room() const { return kCapacity - size_; }
+  bool fits(std::size_t n) const { return kFits || n <= kCapacity - size_; }
 
   static constexpr std::size_t kMostDigits = 20;
   static constexpr std::int64_t kUsPerSecond = 1'000'000;

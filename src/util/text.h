@@ -85,6 +85,13 @@ inline void put_pair(char* place, std::size_t number) {
   std::memcpy(place, &kDigitPairs[number * 2], 2);
 }
 
+// The six digits of a number below 1,000,000.
+inline void put_micros(char* place, std::uint32_t us) {
+  put_pair(place, us / 10'000);
+  put_pair(place + 2, us / 100 % 100);
+  put_pair(place + 4, us % 100);
+}
+
 inline constexpr auto kPowersOfTen = [] {
   std::array<std::uint64_t, 20> powers{};
   std::uint64_t power = 1;
