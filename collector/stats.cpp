@@ -42,7 +42,9 @@ void count_record(Stats& stats, int queue, const DecodedRecord& record) {
     ++stats.unknown;
     return;
   }
-  ++stats.by_kind[static_cast<std::size_t>(record.kind - kRecordKinds.data())];
+  // A partial service's record counts as its type's.
+  const RecordKind* const kind = record_kind(record.rec_type);
+  ++stats.by_kind[static_cast<std::size_t>(kind - kRecordKinds.data())];
   const bool outermost = digits_of(field_of(record, kDepth.name)) == 1;
   if (outermost && record.rec_type == '1') ++stats.transactions_started;
   if (outermost && record.rec_type == '2') count_end(stats, record);

@@ -9,6 +9,8 @@ build_packages=(
   uthash-dev libcli11-dev nlohmann-json3-dev libsqlite3-dev libgtest-dev libbenchmark-dev
   libstb-dev libasio-dev
 )
+# With these the Java binding is built too, and its example.
+java_packages=(openjdk-17-jdk-headless libxerial-sqlite-jdbc-java)
 
 say() { printf '==> %s\n' "$*"; }
 

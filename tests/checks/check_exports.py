@@ -26,12 +26,32 @@ def run(*command):
     return subprocess.run(command, check=True, capture_output=True, text=True).stdout
 
 
-def declared(include):
-    """The calls of tran.h, and the rows of the table in sttl.h, each of which is an object."""
-    text = re.sub(r"/\*.*?\*/", "", (include / "tran.h").read_text("utf-8"), flags=re.S)
+ADAPTER = "com/vexholm/tran/api/TranApiAdapter"
+
+
+def prototypes(header):
+    text = re.sub(r"/\*.*?\*/", "", header.read_text("utf-8"), flags=re.S)
     text = re.sub(r"^[ \t]*#(?:.*\\\n)*.*$", "", text, flags=re.M)
-    calls = set(re.findall(r"\bVARN_API\b[^;(\[]*?(\w+)\s*[(\[;]", text))
-    return calls | set(re.findall(r"^\s*X\((_\w+),", (include / "sttl.h").read_text("utf-8"), re.M))
+    return set(re.findall(r"\bVARN_API\b[^;(\[]*?(\w+)\s*[(\[;]", text))
+
+
+def telegram_fields(header):
+    """Each row of the table is an object."""
+    return set(re.findall(r"^\s*X\((_\w+),", header.read_text("utf-8"), re.M))
+
+
+def native_methods(java_class):
+    names = re.findall(r"\bnative\b[^;(]*?(\w+)\s*\(", java_class.read_text("utf-8"))
+    return {f"Java_{ADAPTER.replace('/', '_')}_{name}" for name in names}
+
+
+def declared(root):
+    return (
+        prototypes(root / "include/varn/tran.h")
+        | prototypes(root / "src/jni/tran_jni.h")
+        | telegram_fields(root / "include/varn/sttl.h")
+        | native_methods(root / f"java/src/main/java/{ADAPTER}.java")
+    )
 
 
 def listed(version_script):
@@ -76,7 +96,7 @@ def guest_faults(readelf, library, exports):
 
 
 def faults(root, library, nm, readelf):
-    header = declared(root / "include/varn")
+    header = declared(root)
     script = listed(root / "cmake/varn.map")
     if not header:
         yield "no prototypes found in the headers"

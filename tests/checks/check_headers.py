@@ -1,6 +1,6 @@
 """Every header compiles alone, and twice in a row; the public ones in every language they are for.
 
-Usage: check_headers.py ROOT CC CXX
+Usage: check_headers.py ROOT CC CXX JNI_INCLUDE_DIR
 """
 
 import concurrent.futures
@@ -23,13 +23,14 @@ def compile_alone(command, header):
     return f"{' '.join(command)}: {header}\n{done.stderr}" if done.returncode != 0 else None
 
 
-def jobs(root, cc, cxx):
+def jobs(root, cc, cxx, jni):
     include, src = root / "include", root / "src"
     for header, standards in PUBLIC.items():
         for standard in standards:
             compiler, language = (cxx, "c++") if "+" in standard else (cc, "c")
             yield [compiler, f"-std={standard}", *STRICT, "-pedantic", f"-I{include}", f"-x{language}", "-"], header
-    inside = [cxx, "-std=c++20", *STRICT, f"-I{include}", f"-I{src}", f"-I{root}", "-xc++", "-"]
+    inside = [cxx, "-std=c++20", *STRICT, f"-I{include}", f"-I{src}", f"-I{root}", f"-isystem{jni}",
+              f"-isystem{jni}/linux", "-xc++", "-"]
     for folder, base in ((src, src), (root / "collector", root)):
         headers = sorted(folder.rglob("*.h"))
         if not headers:

@@ -16,6 +16,7 @@ MAY_SEE = {
     "tong": LOW,
     "core": LOW | {"hash", "tong"},
     "api": LOW | {"hash", "tong", "core"},
+    "jni": LOW | {"tong", "core"},
     "profile": LOW | {"core"},
     "collector": LOW | {"hash"},
     "tools": LOW | {"hash", "collector"},
