@@ -1,6 +1,6 @@
 #include "core/banner.h"
 
-#include <cstdio>
+#include <unistd.h>
 
 #include "util/console.h"
 
@@ -23,8 +23,7 @@ static_assert(sizeof kBanner == 8 * 82 + 1, "eight lines of 81 characters");
 }  // namespace
 
 void show_banner() {
-  // Flushed, so that no child that the host forks later prints it again.
-  if (!console_is_off() && std::fputs(kBanner, stdout) >= 0) std::fflush(stdout);
+  if (!console_is_off()) console_write(STDOUT_FILENO, kBanner);
 }
 
 }  // namespace varn

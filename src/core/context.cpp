@@ -1,5 +1,6 @@
 #include "core/context.h"
 
+#include <signal.h>
 #include <sys/sem.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include "core/tran_ex.h"
 #include "hash/get_ptrc_hash.h"
 #include "util/cancel_guard.h"
+#include "util/clock.h"
 #include "util/console.h"
 #include "util/errno_guard.h"
 #include "util/log_printf.h"
@@ -26,8 +28,10 @@
 namespace varn {
 namespace {
 
-constexpr int kTableLockWaitMs = 2000;
+constexpr std::int64_t kTableLockWaitNs = 2 * kNsPerSec;
+constexpr int kTableLockSliceMs = 10;
 constexpr std::int64_t kTableLockPauseSec = 1;
+constexpr std::int64_t kSearchPauseNs = 1'000'000;
 
 std::atomic<std::int64_t> table_lock_resume;  // second before which the lock is not tried
 // The semaphore orders what its holders do, but only the kernel knows: this tells the C++ memory
@@ -51,11 +55,12 @@ class [[nodiscard]] BucketGuard {
   MtrTidIdx& bucket_;
 };
 
-std::int64_t monotonic_seconds() {
+std::int64_t monotonic_ns() {
   timespec now = {};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec;
+  return now.tv_sec * kNsPerSec + now.tv_nsec;
 }
+std::int64_t monotonic_seconds() { return monotonic_ns() / kNsPerSec; }
 
 MtrTidIdx& bucket_of(std::uint64_t tid) {
   const unsigned low = tid & 0xff;
@@ -77,14 +82,18 @@ bool must_stay(const MtrTidIdx& bucket, int place) {
 }
 
 // Looked at before the semaphore is asked for: where every context of a full bucket is in use, the
-// refused thread costs the other processes nothing.
-bool has_reclaimable(const MtrTidIdx& bucket) {
+// refused thread costs the other processes nothing. Nor much itself: the kernel is asked for its
+// ten threads once a millisecond.
+bool has_reclaimable(MtrTidIdx& bucket) {
+  const std::int64_t now = monotonic_ns();
+  if (now - bucket.searched_ns < kSearchPauseNs) return false;
   for (int i = 0; i < bucket.cnt; ++i) {
     const TidSlot& slot = bucket.tid_arr[i];
     if (slot.tid == 0 ? !must_stay(bucket, i)
                       : !thread_exists(load(slot.var->kernel_tid)) || release_requested(*slot.var))
       return true;
   }
+  bucket.searched_ns = now;
   return false;
 }
 
@@ -239,24 +248,35 @@ void release_context(MtrTidIdx& bucket, int place) {
 
 }  // namespace
 
+// No handler of the host's runs inside, since it might leave by a jump. While the lock is waited
+// for they run all the same.
 TableLock::TableLock() : entered_(false) {
-  const std::int64_t now = monotonic_seconds();
-  if (now < table_lock_resume.load(std::memory_order_relaxed)) return;
-  entered_ = sem_lock_within(gvar.ptrc_hash_semid, 0, SEM_UNDO, kTableLockWaitMs) == 0;
-  if (entered_) {
-    static_cast<void>(table_lock_order.load(std::memory_order_acquire));
-    return;
-  }
-  log_printf("<!> ptrc_hash_tbl semaphore could not be taken, errno(%d) : %s", errno,
-             std::strerror(errno));
+  if (monotonic_seconds() < table_lock_resume.load(std::memory_order_relaxed)) return;
+  sigset_t all;
+  sigfillset(&all);
+  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL}) sigdelset(&all, fault);
+  const std::int64_t end = monotonic_ns() + kTableLockWaitNs;
+  int error = 0;
+  do {
+    pthread_sigmask(SIG_SETMASK, &all, &before_);
+    entered_ = sem_lock_within(gvar.ptrc_hash_semid, 0, SEM_UNDO, kTableLockSliceMs) == 0;
+    if (entered_) {
+      static_cast<void>(table_lock_order.load(std::memory_order_acquire));
+      return;
+    }
+    error = errno;
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+  } while (error == EAGAIN && monotonic_ns() < end);
+  log_printf("<!> ptrc_hash_tbl semaphore could not be taken, errno(%d) : %s", error,
+             std::strerror(error));
   table_lock_resume.store(monotonic_seconds() + 1 + kTableLockPauseSec, std::memory_order_relaxed);
 }
 
 TableLock::~TableLock() {
-  // A child forked meanwhile, by a signal handler, never took it.
-  if (!entered_ || getpid() != gvar.pid) return;
+  if (!entered_) return;
   table_lock_order.store(true, std::memory_order_release);
   sem_unlock(gvar.ptrc_hash_semid, 0, SEM_UNDO);
+  pthread_sigmask(SIG_SETMASK, &before_, nullptr);
 }
 
 std::uint64_t get_tid(const Caller& caller, int tid) {
@@ -352,7 +372,7 @@ void show_mtr_idx_list(const MtrTidIdx& bucket) {
     log_printf(">>idx arr[%d] var->lasted_access (sec): %d", i,
                static_cast<int>(now - load(var.lasted_access)));
   }
-  if (!console_is_off()) std::puts("------------------------------");
+  if (!console_is_off()) console_write(STDOUT_FILENO, "------------------------------\n");
 }
 
 void set_cont_nm(const char* block, std::size_t len, char* out, const char* name) {

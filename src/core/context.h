@@ -2,6 +2,8 @@
 // back those of threads that have ended.
 #pragma once
 
+#include <signal.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -88,6 +90,7 @@ class [[nodiscard]] TableLock {
 
  private:
   bool entered_;
+  sigset_t before_;
 };
 
 }  // namespace varn

@@ -16,6 +16,7 @@
 #include "tong/th_job.h"
 #include "tong/tong.h"
 #include "util/clock.h"
+#include "util/console.h"
 #include "util/log_printf.h"
 #include "util/msgq.h"
 #include "util/readcfg.h"
@@ -93,8 +94,8 @@ int take_log_home(const ConfigKey& key, const char* value) {
                     ? std::snprintf(log_home_dir, sizeof log_home_dir, "%s", value)
                     : std::snprintf(log_home_dir, sizeof log_home_dir, "%s/%s", home, value);
   if (n > kMostLogHome) {
-    std::fprintf(stderr, "[tran_init] [%s] is over %d characters : %s\n", key.key, kMostLogHome,
-                 log_home_dir);
+    console_printf(STDERR_FILENO, "[tran_init] [%s] is over %d characters : %s\n", key.key,
+                   kMostLogHome, log_home_dir);
     return kFailed;
   }
   char dir[sizeof log_home_dir + 32];

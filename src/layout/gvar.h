@@ -87,8 +87,9 @@ struct TidSlot {
 };
 
 struct MtrTidIdx {
-  std::int32_t idx;  // the bucket's own number
-  std::int32_t cnt;  // entries of tid_arr in use, in ascending order of thread id
+  std::int32_t idx;          // the bucket's own number
+  std::int32_t cnt;          // entries of tid_arr in use, in ascending order of thread id
+  std::int64_t searched_ns;  // when all its threads were last found alive, for a further one
   pthread_mutex_t bucket_lock;
   TidSlot tid_arr[kBucketContexts];
 };

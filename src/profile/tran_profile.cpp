@@ -227,8 +227,8 @@ void __cyg_profile_func_enter(void* this_fn, void*) {
   if (!console_is_off()) {
     const CancelGuard not_cancelled;
     const ErrnoGuard errno_kept;
-    std::fprintf(stderr, "%-14p | %*.s%s() {\n", this_fn,
-                 depth.fetch_add(kIndent, std::memory_order_relaxed), " ", name.text);
+    console_printf(STDERR_FILENO, "%-14p | %*.s%s() {\n", this_fn,
+                   depth.fetch_add(kIndent, std::memory_order_relaxed), " ", name.text);
   }
   TRAN_CALLINFO_S(CALL_ARGUMENTS(name));
 }
@@ -240,8 +240,8 @@ void __cyg_profile_func_exit(void* this_fn, void*) {
   if (!console_is_off()) {
     const CancelGuard not_cancelled;
     const ErrnoGuard errno_kept;
-    std::fprintf(stdout, "%-14p | %*.s} /* %s */\n", this_fn,
-                 depth.fetch_sub(kIndent, std::memory_order_relaxed) - kIndent, " ", name.text);
+    console_printf(STDOUT_FILENO, "%-14p | %*.s} /* %s */\n", this_fn,
+                   depth.fetch_sub(kIndent, std::memory_order_relaxed) - kIndent, " ", name.text);
   }
   TRAN_CALLINFO_F(CALL_ARGUMENTS(name));
 }

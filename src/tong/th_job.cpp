@@ -88,7 +88,7 @@ void open_file() {
   const TongPlace& place = tong_place();
   std::snprintf(writer.path, sizeof writer.path, "%s/tong_log_%s_%s_%d.dat", place.dir, writer.date,
                 place.name, place.pid);
-  const int fd = open_appending(writer.path, 0);
+  const int fd = open_appending(writer.path, 0, Owner::kSelf);
   if (fd < 0) {
     VARN_LOG_LIMITED("<!> tong log open error, %s, errno(%d) : %s", writer.path, errno,
                      std::strerror(errno));
@@ -116,8 +116,8 @@ void report_write_error(int fd, long result) {
   writer.error_second = second;
   pollfd console = {STDERR_FILENO, POLLOUT, 0};
   if (poll(&console, 1, 0) == 1 && (console.revents & POLLOUT) != 0)
-    dprintf(STDERR_FILENO, "[Quorlen] TONG_LOG fwrite error %ld [fd:%d, %s]\n", result, fd,
-            writer.path);
+    console_printf(STDERR_FILENO, "[Quorlen] TONG_LOG fwrite error %ld [fd:%d, %s]\n", result, fd,
+                   writer.path);
 }
 
 // Takes the beginning of a record that did not fit away again, if nothing came behind it.

@@ -15,9 +15,13 @@ struct AppendFile {
   std::atomic<ino_t> inode{0};
 };
 
+// Whose file it may be: one that the users of a host share, or only their own and root's.
+enum class Owner { kAnybody, kSelf };
+
 // A descriptor for appending to the file, which if new gets the permissions 0666 less `mask`; or -1
-// with errno. Never one of the three numbers that the console has or may have again.
-int open_appending(const char* path, unsigned mask);
+// with errno. It is 500 or higher where the host's limit lets it, and never one of the three
+// numbers that the console has or may have again. Anything but a plain file is refused.
+int open_appending(const char* path, unsigned mask, Owner owner);
 
 // Which file the descriptor is for, to be asked of is_still_ours() later.
 void remember_file(AppendFile& file, int fd);

@@ -1,8 +1,14 @@
 #include "util/console.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "util/quiet_write.h"
 
 namespace varn {
 namespace {
@@ -23,6 +29,25 @@ void read_console_setting() {
   const char* const value = secure_getenv("VARN_CONSOLE");
   const bool off = value != nullptr && std::strcmp(value, "off") == 0;
   setting.store(off ? kOff : kOn, std::memory_order_relaxed);
+}
+
+void console_write(int fd, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = write_quietly(fd, text.data(), text.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;
+    text.remove_prefix(static_cast<std::size_t>(written));
+  }
+}
+
+void console_printf(int fd, const char* format, ...) {
+  char text[1024];
+  va_list arguments;
+  va_start(arguments, format);
+  const int size = std::vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  if (size > 0)
+    console_write(fd, {text, std::min(static_cast<std::size_t>(size), sizeof text - 1)});
 }
 
 }  // namespace varn

@@ -1,8 +1,9 @@
 #include "util/encoding_util.h"
 
-#include <cstdarg>
-#include <cstdio>
+#include <unistd.h>
+
 #include <cstring>
+#include <string_view>
 
 #include "util/cancel_guard.h"
 #include "util/console.h"
@@ -11,19 +12,16 @@
 namespace varn {
 namespace {
 
-[[gnu::format(printf, 1, 2)]] void trace(const char* format, ...) {
-  if (console_is_off()) return;
-  va_list arguments;
-  va_start(arguments, format);
-  std::vprintf(format, arguments);
-  va_end(arguments);
+void trace(std::string_view text) {
+  if (!console_is_off()) console_write(STDOUT_FILENO, text);
 }
 
 unsigned byte_at(const char* str, int i) { return static_cast<unsigned char>(str[i]); }
 
 void trace_byte(const char* str, int i) {
-  trace("org_str[%d] = %x, (maskoff(%x) \n", i,
-        static_cast<unsigned>(static_cast<signed char>(str[i])), byte_at(str, i) & 0xF0);
+  if (console_is_off()) return;
+  console_printf(STDOUT_FILENO, "org_str[%d] = %x, (maskoff(%x) \n", i,
+                 static_cast<unsigned>(static_cast<signed char>(str[i])), byte_at(str, i) & 0xF0);
 }
 
 bool is_continuation(const char* str, int i) { return (byte_at(str, i) & 0xC0) == 0x80; }
@@ -68,7 +66,9 @@ int hcut(const char* str, int len, int cut_len, int enc_type) {
   const CancelGuard not_cancelled;
   const ErrnoGuard errno_kept;
   trace("---------------------------------------------------\n");
-  trace("org_len = %d \ncut_len = %d \nstd_len = %d \n", len, cut_len, cut_len);
+  if (!console_is_off())
+    console_printf(STDOUT_FILENO, "org_len = %d \ncut_len = %d \nstd_len = %d \n", len, cut_len,
+                   cut_len);
   int kept = 0;
   if (enc_type == kEucKr)
     kept = hangul_euckr(str, len, cut_len);
@@ -76,7 +76,9 @@ int hcut(const char* str, int len, int cut_len, int enc_type) {
     kept = hangul_utf8(str, len, cut_len);
   else
     trace("undefined encoding type");
-  trace("dest = |%.*s|\n", kept, str);
+  trace("dest = |");
+  trace({str, strnlen(str, static_cast<std::size_t>(kept))});
+  trace("|\n");
   return kept;
 }
 

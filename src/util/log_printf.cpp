@@ -11,6 +11,7 @@
 #include "util/append_file.h"
 #include "util/cancel_guard.h"
 #include "util/errno_guard.h"
+#include "util/quiet_write.h"
 
 namespace varn {
 namespace {
@@ -59,7 +60,7 @@ int open_days_file(unsigned mask) {
   get_cur_date(date);
   char path[sizeof log_state.log_dir + sizeof log_state.log_title + 64];
   std::snprintf(path, sizeof path, "%s/%s-%s-log", log_state.log_dir, log_state.log_title, date);
-  return open_appending(path, mask);
+  return open_appending(path, mask, Owner::kAnybody);
 }
 
 // False for a name that does not fit: a shortened path is another path.
@@ -137,7 +138,7 @@ int log_printf(const char* format, ...) {
   char* const begin = line + kMostPrefix - prefix_size;
   std::memcpy(begin, prefix, prefix_size);
   line[kMostPrefix + n] = '\n';
-  return static_cast<int>(write(fd, begin, prefix_size + n + 1));
+  return static_cast<int>(write_quietly(fd, begin, prefix_size + n + 1));
 }
 
 bool may_log(LogLimit& limit) {

@@ -1,9 +1,15 @@
 #include "util/readcfg.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
+
+#include "util/console.h"
 
 namespace varn {
 namespace {
@@ -66,9 +72,28 @@ int find_keyword(std::FILE* file, const char* keyword, char* out, int* lines) {
   }
 }
 
+constexpr off_t kMostConfigBytes = 1 << 20;
+
+// A plain file of a sensible size: opening a pipe would wait for its writer, and reading a device
+// might never end.
+std::FILE* open_config(const char* path) {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) return nullptr;
+  struct stat status = {};
+  int fault = fstat(fd, &status) != 0 ? errno : 0;
+  if (fault == 0 && !S_ISREG(status.st_mode)) fault = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+  if (fault == 0 && status.st_size > kMostConfigBytes) fault = EFBIG;
+  std::FILE* const file = fault == 0 ? fdopen(fd, "r") : nullptr;
+  if (file != nullptr) return file;
+  if (fault == 0) fault = errno;
+  close(fd);
+  errno = fault;
+  return nullptr;
+}
+
 struct OpenFile {
   std::FILE* file;
-  explicit OpenFile(const char* path) : file(std::fopen(path, "re")) {}
+  explicit OpenFile(const char* path) : file(open_config(path)) {}
   ~OpenFile() {
     if (file != nullptr) std::fclose(file);
   }
@@ -82,9 +107,9 @@ int split_tokens(std::string_view rest, const char* path, ConfigValue* out) {
     const std::string_view word = next_word(rest);
     if (word.empty()) break;
     if (word.size() > kMaxConfigToken) {
-      std::fprintf(stderr,
-                   "[get_nth_token_in_file_section] token over %d characters; file=%s, lnum=%d\n",
-                   kMaxConfigToken, path, out->line);
+      console_printf(STDERR_FILENO,
+                     "[get_nth_token_in_file_section] token over %d characters; file=%s, lnum=%d\n",
+                     kMaxConfigToken, path, out->line);
       return -1;
     }
     char* token = out->token[out->count++];
@@ -95,9 +120,9 @@ int split_tokens(std::string_view rest, const char* path, ConfigValue* out) {
 }
 
 int refuse_long_line(const char* path, int line) {
-  std::fprintf(stderr,
-               "[get_nth_token_in_file_section] line over %d characters; file=%s, lnum=%d\n",
-               kMaxConfigLine, path, line);
+  console_printf(STDERR_FILENO,
+                 "[get_nth_token_in_file_section] line over %d characters; file=%s, lnum=%d\n",
+                 kMaxConfigLine, path, line);
   return -1;
 }
 
@@ -107,7 +132,7 @@ int seek_section(std::FILE* file, const char* section) {
   int lines = 0;
   const int at = find_section(file, section, &lines);
   if (at > 0) return at;
-  std::fprintf(stderr, "[seek_section] not found section[%s]\n", section);
+  console_printf(STDERR_FILENO, "[seek_section] not found section[%s]\n", section);
   return -1;
 }
 
@@ -115,7 +140,7 @@ int get_string_in_section(std::FILE* file, const char* keyword, char* out) {
   int lines = 0;
   const int count = find_keyword(file, keyword, out, &lines);
   if (count > 0) return count;
-  std::fprintf(stderr, "[get_string_in_section] not found keyword[%s]\n", keyword);
+  console_printf(STDERR_FILENO, "[get_string_in_section] not found keyword[%s]\n", keyword);
   return -1;
 }
 
@@ -123,16 +148,17 @@ int get_tokens_in_file_section(const char* path, const char* section, const char
                                ConfigValue* out) {
   const OpenFile open(path);
   if (open.file == nullptr) {
-    std::fprintf(stderr, "[get_nth_token_in_file_section] fopen fail[%s]; errno=%d(%s)\n", path,
-                 errno, std::strerror(errno));
+    console_printf(STDERR_FILENO, "[get_nth_token_in_file_section] fopen fail[%s]; errno=%d(%s)\n",
+                   path, errno, std::strerror(errno));
     return -1;
   }
   int header = 0;
   const int at = find_section(open.file, section, &header);
   if (at == kLineTooLong) return refuse_long_line(path, header);
   if (at < 0) {
-    std::fprintf(stderr, "[seek_section] not found section[%s]\n", section);
-    std::fprintf(stderr, "[seek_section] not found section[%s] in file[%s]\n", section, path);
+    console_printf(STDERR_FILENO, "[seek_section] not found section[%s]\n", section);
+    console_printf(STDERR_FILENO, "[seek_section] not found section[%s] in file[%s]\n", section,
+                   path);
     return -1;
   }
   int lines = 0;
@@ -140,9 +166,10 @@ int get_tokens_in_file_section(const char* path, const char* section, const char
   const int found = find_keyword(open.file, keyword, value, &lines);
   if (found == kLineTooLong) return refuse_long_line(path, header + lines);
   if (found < 0) {
-    std::fprintf(stderr, "[get_string_in_section] not found keyword[%s]\n", keyword);
-    std::fprintf(stderr, "[get_string_in_section] not found keyword[%s]; file=%s, section=%s\n",
-                 keyword, path, section);
+    console_printf(STDERR_FILENO, "[get_string_in_section] not found keyword[%s]\n", keyword);
+    console_printf(STDERR_FILENO,
+                   "[get_string_in_section] not found keyword[%s]; file=%s, section=%s\n", keyword,
+                   path, section);
     return -1;
   }
   out->line = header + lines;
@@ -154,10 +181,11 @@ int get_nth_token_in_file_section(const char* path, const char* section, const c
   ConfigValue value;
   if (get_tokens_in_file_section(path, section, keyword, &value) < 0) return -1;
   if (n < 1 || n > value.count) {
-    std::fprintf(stderr,
-                 "[get_nth_token_in_file_section] can't found nth(%d) token; file=%s, section=%s, "
-                 "keyword=%s, lnum=%d\n",
-                 n, path, section, keyword, value.line);
+    console_printf(
+        STDERR_FILENO,
+        "[get_nth_token_in_file_section] can't found nth(%d) token; file=%s, section=%s, "
+        "keyword=%s, lnum=%d\n",
+        n, path, section, keyword, value.line);
     return -1;
   }
   std::strcpy(out, value.token[n - 1]);
