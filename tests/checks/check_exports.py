@@ -18,6 +18,16 @@ WANTED = {
     "GNU_RELRO": "no GNU_RELRO segment",
     r"GNU_STACK.*\sRW\s": "the stack has to be executable",
 }
+UNWANTED = {
+    r"\(TEXTREL\)": "its code has to be relocated",
+    "STATIC_TLS": "it takes thread-local storage that a running process may not have",
+}
+# Of the C library, by what the compiler makes of the sources.
+WANTED_IMPORTS = {
+    "__stack_chk_fail": "its stack frames are not protected",
+    "__vsnprintf_chk": "its buffers are not checked",
+}
+UNWANTED_IMPORTS = {"__cxa_atexit": "it does something when its host exits", "atexit": "the same"}
 # The one that the compiler puts into every library; one of our own would run in every host.
 MOST_INITIALISERS = 1
 
@@ -87,8 +97,12 @@ def guest_faults(readelf, library, exports):
     for pattern, fault in WANTED.items():
         if not re.search(pattern, seen):
             yield fault
-    if "(TEXTREL)" in dynamic:
-        yield "its code has to be relocated"
+    for pattern, fault in UNWANTED.items():
+        if re.search(pattern, dynamic):
+            yield fault
+    imports = set(re.findall(r"\sUND\s+(\w+)", run(readelf, "-W", "--dyn-syms", library)))
+    yield from (fault for name, fault in WANTED_IMPORTS.items() if name not in imports)
+    yield from (fault for name, fault in UNWANTED_IMPORTS.items() if name in imports)
     relocations = run(readelf, "-rW", library)
     for name in sorted(exports):
         if re.search(rf"\s{name}(@|\s|$)", relocations, flags=re.M):
