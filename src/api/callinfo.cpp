@@ -297,8 +297,9 @@ bool is_recorded(const PTRC_HASH_ENT& entry, const EndedCall& ended) {
 
 // Holds all pieces at their longest, to be cut to the record's width at the end: three texts of the
 // caller, those of the entry, and the numbers with what stands between them.
-constexpr std::size_t kLongestBody = 3 * kCallBody.back().width + sizeof(CallEntry::func_nm) +
-                                     sizeof(CallEntry::call_src) + sizeof(PTRC_HASH_ENT::db_user) +
+constexpr std::size_t kLongestBody = std::size_t{3} * kCallBody.back().width +
+                                     sizeof(CallEntry::func_nm) + sizeof(CallEntry::call_src) +
+                                     sizeof(PTRC_HASH_ENT::db_user) +
                                      sizeof(PTRC_HASH_ENT::db_sid) + std::size_t{32} * 24;
 using Body = Message<kLongestBody, true>;
 

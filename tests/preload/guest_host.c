@@ -1,5 +1,5 @@
-/* A host that loads the agent while it runs, and does with it what hosts do: guest_host LIBVARN MODE
- * [LIBRARY...]. Prints the code of TRAN_INIT. */
+/* A host that loads the agent while it runs, and does with it what hosts do: guest_host LIBVARN
+ * MODE [LIBRARY...]. Prints the code of TRAN_INIT. */
 #include <dlfcn.h>
 #include <pthread.h>
 #include <stdio.h>
@@ -12,8 +12,7 @@ static int (*tran_info)(int, const char*, int, const char*, int, const char*, in
                         const char*, int, const char*, int, const char*, int, const char*, int);
 
 static void* trace(void* endlessly) {
-  do
-    tran_info(-1, NULL, 0, NULL, 0, NULL, 0, NULL, 0, NULL, 0, NULL, 0, NULL, 0, "at work", -1);
+  do tran_info(-1, NULL, 0, NULL, 0, NULL, 0, NULL, 0, NULL, 0, NULL, 0, NULL, 0, "at work", -1);
   while (endlessly != NULL);
   return NULL;
 }
