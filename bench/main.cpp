@@ -1,13 +1,10 @@
 // What a traced call costs its thread, beside the bare send that it cannot do without.
 #include <benchmark/benchmark.h>
-#include <sys/msg.h>
-#include <sys/time.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <optional>
 #include <string>
@@ -15,127 +12,18 @@
 #include <utility>
 #include <vector>
 
+#include "bench/calls.h"
 #include "bench/cpus.h"
+#include "bench/goals.h"
 #include "bench/stage.h"
 #include "bench/table.h"
 #include "bench/telegram.h"
+#include "bench/timing.h"
 #include "bench/writer.h"
-#include "layout/record.h"
 #include "varn/tran.h"
 
 namespace varn::bench {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-constexpr std::uint8_t kAllOn = 0xFF;
-constexpr std::uint8_t kAllOff = 0;
-
-// What the clock adds to a call that is timed alone.
-double clock_ns() {
-  constexpr int kReadings = 10'001;
-  std::vector<double> gaps(kReadings);
-  for (double& gap : gaps) {
-    const auto start = Clock::now();
-    gap = std::chrono::duration<double, std::nano>(Clock::now() - start).count();
-  }
-  std::ranges::nth_element(gaps, gaps.begin() + kReadings / 2);
-  return gaps[kReadings / 2];
-}
-
-double percentile(std::vector<double>& values, double share) {
-  const auto at = static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
-  std::ranges::nth_element(values, values.begin() + at);
-  return values[static_cast<std::size_t>(at)];
-}
-
-// ---- The calls ----
-
-#define NONE nullptr, 0
-#define NO_HEAD NONE, NONE, NONE, NONE, NONE, NONE, NONE
-
-constexpr char kMessageText[] = "balance 1,204,300 after transfer to 110-204-559102";
-
-// A text of full width for every field, in buffers whose places and lengths are known when
-// compiling, as a server's are. Process id, date and time are left to the agent: a caller that
-// gives the time has no response time measured.
-consteval bool left_to_agent(std::string_view name) {
-  return name == "pid_str" || name == "date_str" || name == "time_str";
-}
-struct Texts {
-#define VARN_TEXT(name, width) char name[width + 1];
-  TRAN_FIELD_LIST(VARN_TEXT)
-#undef VARN_TEXT
-};
-constexpr Texts kTexts = [] {
-  Texts texts = {};
-#define VARN_FILL(name, width) std::fill_n(texts.name, width, 'A');
-  TRAN_FIELD_LIST(VARN_FILL)
-#undef VARN_FILL
-  std::copy_n("202611220930WEB010000000000001", 30, texts.gid);
-  return texts;
-}();
-
-#define VARN_ARGUMENT(name, width) \
-  , left_to_agent(#name) ? nullptr : kTexts.name, left_to_agent(#name) ? 0 : (width)
-#define ALL_TEXTS TRAN_FIELD_LIST(VARN_ARGUMENT)
-
-[[gnu::noipa]] int empty_call(int tid TRAN_FIELD_PARAMETERS) {
-#define VARN_UNUSED(name, width) static_cast<void>(name), static_cast<void>(name##_len);
-  TRAN_FIELD_LIST(VARN_UNUSED)
-#undef VARN_UNUSED
-  return tid;
-}
-
-int start_service() { return TRAN_START(-1 ALL_TEXTS); }
-int end_service() { return TRAN_END(-1 ALL_TEXTS); }
-
-int info() { return TRAN_INFO(-1, NO_HEAD, kMessageText, sizeof kMessageText - 1); }
-int errinfo(int tid) {
-  return TRAN_ERRINFO(tid, NO_HEAD, "0001", 4, NONE, NONE, kMessageText, sizeof kMessageText - 1);
-}
-
-int call_start() { return TRAN_CALLINFO_S(-1, NO_HEAD, NONE, NONE, 0, 0, "check_limit", 11, NONE); }
-int call_end() {
-  return TRAN_CALLINFO_F(-1, NO_HEAD, "limit.c", 7, NONE, 42, 0, "check_limit", 11, NONE);
-}
-int call_pair() { return call_start() | call_end(); }
-
-int two_clock_reads() {
-  timeval tv;
-  gettimeofday(&tv, nullptr);
-  return gettimeofday(&tv, nullptr);
-}
-
-void hook_pair() {
-  const auto function = reinterpret_cast<void*>(&hook_pair);
-  __cyg_profile_func_enter(function, nullptr);
-  __cyg_profile_func_exit(function, nullptr);
-}
-
-// What a telegram's record cannot do without: its memory, and its bytes in it.
-class CopiedRecords {
- public:
-  CopiedRecords() { blocks_.reserve(kMost); }
-  int add() {
-    char* const block = static_cast<char*>(std::malloc(kTelegramRecord));
-    std::memcpy(block, source_, kTelegramRecord);
-    blocks_.push_back(block);
-    return TRAN_RC_OK;
-  }
-  bool is_full() const { return blocks_.size() == kMost; }
-  void free_all() {
-    for (char* const block : blocks_) std::free(block);
-    blocks_.clear();
-  }
-
- private:
-  static constexpr std::size_t kMost = 6400;
-  char source_[kTelegramRecord] = {};
-  std::vector<char*> blocks_;
-};
-thread_local CopiedRecords copied_records;
-int allocate_and_copy() { return copied_records.add(); }
 
 // Names for so many functions, hook_pair among them.
 class NamedFunctions {
@@ -208,8 +96,8 @@ void measure(benchmark::State& state, const Bench& bench, const Conditions& cond
     for (int i = 0; i < conditions.ended_calls; ++i) call_start();
     const auto start = Clock::now();
     for (int i = 0; i < conditions.batch; ++i) wrong += call() != conditions.expected;
-    const std::chrono::duration<double, std::nano> span = Clock::now() - start;
-    samples.push_back(std::max(0.0, span.count() - bench.clock_ns) / conditions.batch);
+    const double span = ns_since(start);
+    samples.push_back(std::max(0.0, span - bench.clock_ns) / conditions.batch);
     state.SetIterationTime(samples.back() * 1e-9);
     if (conditions.undo != nullptr) conditions.undo(conditions.batch);
     bench.stage.wait_for_room();
@@ -309,11 +197,7 @@ void add_telegrams(const Bench& bench) {
 }
 
 void add_all(const Bench& bench) {
-  static TRAN_LOGF_QUE_DATA record = {.mtype = kRecordMsgType, .length = kBodyAt, .view = {}};
-  std::ranges::fill(record.view, ' ');
-  const auto bare_send = [id = bench.stage.msgq_id()] {
-    return msgsnd(id, &record, kRecordTextSize, IPC_NOWAIT);
-  };
+  const auto send = [id = bench.stage.msgq_id()] { return bare_send(id); };
   const auto pair = [] { return start_service() | end_service(); };
   const auto errinfo_here = [] { return errinfo(-1); };
   // Each time another number than the last, the two of them this thread's own.
@@ -324,13 +208,13 @@ void add_all(const Bench& bench) {
     return errinfo(number + (turn ^= 1));
   };
 
-  add(bench, kBareSend, {}, bare_send);
-  add(bench, kInfo, {.in_service = true}, info);
+  add(bench, kBareSend, {}, send);
+  add(bench, kInfo, {.in_service = true}, [] { return info(); });
   add(bench, kPair, {.batch = 32}, pair);
 
   Conditions off{.log_flags = kAllOff, .expected = TRAN_RC_SWITCHED_OFF, .batch = 2048};
   add(bench, kCheck, off, [] { return check_gvar('I'); });
-  add(bench, kInfoOff, off, info);
+  add(bench, kInfoOff, off, [] { return info(); });
   add(bench, kPairOff, off, pair);
   const Conditions floor{.expected = -1, .batch = 2048};
   add(bench, kEmptyCall, floor, [] { return empty_call(-1 ALL_TEXTS); });
@@ -343,13 +227,13 @@ void add_all(const Bench& bench) {
   add(bench, kTwoClockReads, {.batch = 2048}, two_clock_reads);
   Conditions below{.expected = TRAN_RC_CALL_SHORT, .in_service = true, .call_limit_us = kNever};
   below.batch = 512;
-  add(bench, kCallPair, below, call_pair);
+  add(bench, kCallPair, below, [] { return call_pair(); });
   below.open_calls = 40;
-  add(bench, kDeepCallPair, below, call_pair);
+  add(bench, kDeepCallPair, below, [] { return call_pair(); });
   below.open_calls = 0;
   Conditions ends{.in_service = true, .ended_calls = 40};
   ends.batch = ends.ended_calls;
-  add(bench, kCallEnd, ends, call_end);
+  add(bench, kCallEnd, ends, [] { return call_end(); });
   below.expected = 0;
   for (const auto& [name, functions] :
        {std::pair{kHookPair, 10}, std::pair{kHookPairOfMany, 100'000}}) {
@@ -368,17 +252,21 @@ void add_all(const Bench& bench) {
   for (const auto& way : ways) {
     Conditions paced{.waiting_name = way.name, .waiting = way.waiting, .batch = 1, .batches = 1000};
     paced.pause = std::chrono::microseconds(50);
-    add(bench, kBareSend, paced, bare_send);
+    add(bench, kBareSend, paced, send);
     paced.in_service = true;
-    add(bench, kInfo, paced, info);
+    add(bench, kInfo, paced, [] { return info(); });
   }
 }
 
+constexpr std::string_view kForGoals = "--goals";  // as the first argument
+
 int run(int argc, char** argv) {
+  const bool for_goals = argc > 1 && argv[1] == kForGoals;
   // The program's own settings first: those of the command line override them.
-  std::vector<std::string> settings = {argv[0], "--benchmark_enable_random_interleaving=true",
-                                       "--benchmark_repetitions=21"};
-  settings.insert(settings.end(), argv + 1, argv + argc);
+  std::vector<std::string> settings = {
+      argv[0], "--benchmark_enable_random_interleaving=true",
+      for_goals ? "--benchmark_repetitions=15" : "--benchmark_repetitions=21"};
+  settings.insert(settings.end(), argv + (for_goals ? 2 : 1), argv + argc);
   std::vector<char*> pointers;
   for (std::string& setting : settings) pointers.push_back(setting.data());
   int count = static_cast<int>(pointers.size());
@@ -386,7 +274,8 @@ int run(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(count, pointers.data())) return EXIT_FAILURE;
 
   const std::vector<int> cpus = usable_cpus();
-  Stage stage(cpus.back());
+  if (for_goals) return run_goals(cpus);
+  Stage stage(cpus.back(), 1);
   const Bench bench{stage, cpus, clock_ns()};
   add_all(bench);
   add_telegrams(bench);

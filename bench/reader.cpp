@@ -19,7 +19,7 @@ constexpr char kStop = 's';
 char start_command(Waiting waiting) { return static_cast<char>('0' + static_cast<int>(waiting)); }
 
 // Until the other end is closed.
-void serve(int socket, int msgq_id) {
+void serve(int socket, const std::vector<int>& msgq_ids) {
   std::optional<Drain> drain;
   for (char command = 0; read(socket, &command, 1) == 1;) {
     drain.reset();
@@ -27,7 +27,7 @@ void serve(int socket, int msgq_id) {
       DrainOptions options;
       options.waiting = static_cast<Waiting>(command - '0');
       drain.emplace(
-          std::vector{msgq_id}, [](std::span<const RawRecord>) {}, options);
+          msgq_ids, [](std::span<const RawRecord>) {}, options);
     }
     if (write(socket, &command, 1) != 1) return;
   }
@@ -35,14 +35,14 @@ void serve(int socket, int msgq_id) {
 
 }  // namespace
 
-Reader::Reader(int msgq_id, int cpu) {
+Reader::Reader(const std::vector<int>& msgq_ids, int cpu) {
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0 || (pid_ = fork()) < 0)
     throw std::system_error(errno, std::generic_category(), "no process for the reader");
   if (pid_ == 0) {
     close(ends[0]);
     run_on(cpu);
-    serve(ends[1], msgq_id);
+    serve(ends[1], msgq_ids);
     _exit(0);
   }
   close(ends[1]);

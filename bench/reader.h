@@ -1,7 +1,9 @@
-// The collector's side in a process of its own, which reads the queue and throws the records away.
+// The collector's side in a process of its own, which reads the queues and throws the records away.
 #pragma once
 
 #include <sys/types.h>
+
+#include <vector>
 
 #include "collector/drain.h"
 
@@ -9,12 +11,12 @@ namespace varn::bench {
 
 class Reader {
  public:
-  Reader(int msgq_id, int cpu);  // forks: to be made before threads are
+  Reader(const std::vector<int>& msgq_ids, int cpu);  // forks: to be made before threads are
   ~Reader();
   Reader(const Reader&) = delete;
   Reader& operator=(const Reader&) = delete;
 
-  // Both return when it is done; a stopped reader has left an empty queue.
+  // Both return when it is done; a stopped reader has left empty queues.
   void start(Waiting waiting);
   void stop();
 

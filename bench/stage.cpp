@@ -11,6 +11,7 @@
 #include <thread>
 #include <utility>
 
+#include "bench/calls.h"
 #include "bench/cpus.h"
 #include "bench/telegram.h"
 #include "layout/config_keys.h"
@@ -49,9 +50,9 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path, ignored);
 }
 
-PrivateObjects::PrivateObjects(const std::string& config) {
-  ConfigValues values{{kQueCnt.key, "1"},
-                      {kMaxQueCnt.key, "1"},
+PrivateObjects::PrivateObjects(const std::string& config, int queues) {
+  ConfigValues values{{kQueCnt.key, std::to_string(queues)},
+                      {kMaxQueCnt.key, std::to_string(queues)},
                       {kTongLogHome.key, std::filesystem::path(config).parent_path()},
                       {kCallTrcDepth.key, "51"},
                       {kInfiniteLoopBaseCnt.key, "2000000000"}};
@@ -76,10 +77,11 @@ PrivateObjects::~PrivateObjects() {
     std::fprintf(stderr, "varn_bench: %s\n", error.c_str());
 }
 
-Stage::Stage(int reader_cpu)
-    : objects_(dir_.path / "varn.cfg"),
+Stage::Stage(int reader_cpu, int queues)
+    : objects_(dir_.path / "varn.cfg", queues),
+      reader_cpu_(reader_cpu),
       room_(queue_records(msgq_id())),
-      reader_(msgq_id(), reader_cpu) {
+      reader_(msgq_ids(), reader_cpu) {
   if (room_ < kLeastRoom)
     throw std::runtime_error("the queue holds only " + std::to_string(room_) +
                              " records; at least " + std::to_string(kLeastRoom) +
@@ -89,20 +91,40 @@ Stage::Stage(int reader_cpu)
   setenv("TRAN_AGT_CFG_FILE", objects_.settings.path.c_str(), 1);
   setenv("VARN_THREAD_ID", "kernel", 1);
   setenv("VARN_CONSOLE", "off", 1);
-  run_on(reader_cpu);  // the writer of whole telegrams, which the start creates, stays there
-  if (const int rc = TRAN_INIT(); rc != TRAN_RC_OK)
-    throw std::runtime_error("TRAN_INIT returned " + std::to_string(rc));
+  start_agent();
 }
 
 Stage::~Stage() { TRAN_DONE(); }
 
 std::uint32_t Stage::failed_sends() const {
-  return load(objects_.shared.que_info->que_fail_cnt[0]);
+  std::uint32_t failed = 0;
+  for (const std::uint32_t& count : objects_.shared.que_info->que_fail_cnt) failed += load(count);
+  return failed;
+}
+
+void Stage::stop_agent() {
+  if (TRAN_DONE() != TRAN_RC_OK) throw std::runtime_error("TRAN_DONE failed");
+}
+
+void Stage::start_agent() {
+  run_on(reader_cpu_);  // the writer of whole telegrams, which the start creates, stays there
+  if (const int rc = TRAN_INIT(); rc != TRAN_RC_OK)
+    throw std::runtime_error("TRAN_INIT returned " + std::to_string(rc));
+}
+
+void Stage::fill() {
+  reader_.stop();
+  while (bare_send(msgq_id()) == 0) {
+  }
+}
+
+void Stage::log_telegrams(bool logged) {
+  store(objects_.shared.que_info->tong_log_flag, logged ? '1' : '0');
 }
 
 void Stage::begin(Waiting waiting, std::uint8_t log_flags, std::uint64_t call_limit_us,
                   bool telegrams_logged) {
-  store(objects_.shared.que_info->tong_log_flag, telegrams_logged ? '1' : '0');
+  log_telegrams(telegrams_logged);
   store(objects_.shared.que_info->call_trc_limit, call_limit_us);
   store(objects_.shared.que_info->log_flag_set, log_flags);
   reader_.start(waiting);
@@ -134,8 +156,8 @@ std::int64_t Stage::wait_for_tong_bytes(std::int64_t bytes) const {
 }
 
 void Stage::wait_for_room() const {
-  while (get_msgq_num(msgq_id()) > room_ / 2)
-    std::this_thread::sleep_for(std::chrono::microseconds(20));
+  for (const int id : msgq_ids())
+    while (get_msgq_num(id) > room_ / 2) std::this_thread::sleep_for(std::chrono::microseconds(20));
 }
 
 }  // namespace varn::bench
