@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "core/caller.h"
+#include "core/tran_ex.h"
 #include "util/cancel_guard.h"
 #include "util/console.h"
 #include "util/errno_guard.h"
@@ -163,8 +164,8 @@ struct Name {
   int len = 1;
 };
 
-// A hook's work: its thread is marked as inside it. A hook
-// inside a hook, of an instrumented allocator say, does nothing.
+// A hook's work: its thread is marked as inside it. A hook inside a hook, of an instrumented
+// allocator say, does nothing.
 class [[nodiscard]] Hook {
  public:
   Hook() {
@@ -196,10 +197,45 @@ class [[nodiscard]] Hook {
   std::uint32_t hooks_ = 0;
 };
 
+// Whether a hook has nothing to print and nobody to tell: what it costs a process that is not
+// traced.
+bool is_idle() { return console_is_off() && !is_started(); }
+
 #define NO_TEXT nullptr, 0
 #define CALL_ARGUMENTS(name)                                                                 \
   -1, NO_TEXT, NO_TEXT, NO_TEXT, NO_TEXT, NO_TEXT, NO_TEXT, NO_TEXT, NO_TEXT, NO_TEXT, 0, 0, \
       (name).text, (name).len, "DYCALL", 6
+
+[[gnu::cold]] void print_enter(const void* this_fn, Name name) {
+  const CancelGuard not_cancelled;
+  const ErrnoGuard errno_kept;
+  console_printf(STDERR_FILENO, "%-14p | %*.s%s() {\n", this_fn,
+                 depth.fetch_add(kIndent, std::memory_order_relaxed), " ", name.text);
+}
+
+[[gnu::cold]] void print_exit(const void* this_fn, Name name) {
+  const CancelGuard not_cancelled;
+  const ErrnoGuard errno_kept;
+  console_printf(STDOUT_FILENO, "%-14p | %*.s} /* %s */\n", this_fn,
+                 depth.fetch_sub(kIndent, std::memory_order_relaxed) - kIndent, " ", name.text);
+}
+
+// Apart from the hooks, so that an idle one saves no registers.
+[[gnu::noinline]] void enter(const void* this_fn) {
+  const Hook hook;
+  if (!hook.entered()) return;
+  const Name name = hook.name_of(this_fn);
+  if (!console_is_off()) print_enter(this_fn, name);
+  TRAN_CALLINFO_S(CALL_ARGUMENTS(name));
+}
+
+[[gnu::noinline]] void leave(const void* this_fn) {
+  const Hook hook;
+  if (!hook.entered()) return;
+  const Name name = hook.name_of(this_fn);
+  if (!console_is_off()) print_exit(this_fn, name);
+  TRAN_CALLINFO_F(CALL_ARGUMENTS(name));
+}
 
 }  // namespace
 }  // namespace varn
@@ -221,29 +257,11 @@ void TRAN_DEL_PROFILE(std::uint64_t func_addr) {
 }
 
 void __cyg_profile_func_enter(void* this_fn, void*) {
-  const Hook hook;
-  if (!hook.entered()) return;
-  const Name name = hook.name_of(this_fn);
-  if (!console_is_off()) {
-    const CancelGuard not_cancelled;
-    const ErrnoGuard errno_kept;
-    console_printf(STDERR_FILENO, "%-14p | %*.s%s() {\n", this_fn,
-                   depth.fetch_add(kIndent, std::memory_order_relaxed), " ", name.text);
-  }
-  TRAN_CALLINFO_S(CALL_ARGUMENTS(name));
+  if (!is_idle()) enter(this_fn);
 }
 
 void __cyg_profile_func_exit(void* this_fn, void*) {
-  const Hook hook;
-  if (!hook.entered()) return;
-  const Name name = hook.name_of(this_fn);
-  if (!console_is_off()) {
-    const CancelGuard not_cancelled;
-    const ErrnoGuard errno_kept;
-    console_printf(STDOUT_FILENO, "%-14p | %*.s} /* %s */\n", this_fn,
-                   depth.fetch_sub(kIndent, std::memory_order_relaxed) - kIndent, " ", name.text);
-  }
-  TRAN_CALLINFO_F(CALL_ARGUMENTS(name));
+  if (!is_idle()) leave(this_fn);
 }
 
 }  // extern "C"

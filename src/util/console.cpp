@@ -1,7 +1,6 @@
 #include "util/console.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -11,24 +10,14 @@
 #include "util/quiet_write.h"
 
 namespace varn {
-namespace {
 
-enum Setting : int { kUnread, kOn, kOff };
-
-// Kept, since the environment may be changed by another thread while it is read.
-std::atomic<int> setting{kUnread};
-
-}  // namespace
-
-bool console_is_off() {
-  if (setting.load(std::memory_order_relaxed) == kUnread) read_console_setting();
-  return setting.load(std::memory_order_relaxed) == kOff;
-}
+std::atomic<ConsoleSetting> console_setting{ConsoleSetting::kUnread};
 
 void read_console_setting() {
   const char* const value = secure_getenv("VARN_CONSOLE");
   const bool off = value != nullptr && std::strcmp(value, "off") == 0;
-  setting.store(off ? kOff : kOn, std::memory_order_relaxed);
+  console_setting.store(off ? ConsoleSetting::kOff : ConsoleSetting::kOn,
+                        std::memory_order_relaxed);
 }
 
 void console_write(int fd, std::string_view text) {
