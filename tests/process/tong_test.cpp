@@ -278,6 +278,49 @@ TEST_F(Tong, AStalledDiskCostsTelegramsBeyondTheBudgetAndHoldsNobodyUp) {
   EXPECT_TRUE(collector_.logged("(I) tong log: 10 written, 0 dropped"));
 }
 
+// Whatever the disk does: it stalls, and it is full in the middle of a record, again and again.
+TEST_F(Tong, EachTelegramIsInTheFileOrCountedAsDropped) {
+  constexpr int kThreads = 4, kEach = 12'500;
+  collector_.environment["VARN_TONG_BUDGET_MB"] = "4";
+  for (int round = std::max(1, rounds(2, 50)); round > 0; --round) {
+    trace([&] {
+      fake_us = 1'700'000'000'000'000;
+      std::atomic<bool> all_offered = false;
+      std::thread disk([&] {
+        for (int n = 0; !all_offered; ++n) {
+          disk_is_stalled = n % 3 == 1;
+          disk_room = n % 3 == 2 ? n % 5000 : -1;
+          usleep(3000);
+        }
+        disk_is_stalled = false;
+        disk_room = -1;
+      });
+      std::vector<std::thread> threads;
+      for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([=] {
+          for (int n = 0; n < kEach; ++n) {
+            startx(telegram(t * kEach + n, 600 + n % 1400));
+            if (n % 5 == 0) usleep(500);  // the writer sleeps a third of a second at times
+          }
+        });
+      for (std::thread& thread : threads) thread.join();
+      all_offered = true;
+      disk.join();
+      EXPECT_EQ(TRAN_DONE(), 0);
+    });
+    const std::vector<std::string> found = gids();
+    const int dropped = kThreads * kEach - static_cast<int>(found.size());
+    EXPECT_EQ(std::set<std::string>(found.begin(), found.end()).size(), found.size());
+    EXPECT_GT(dropped, 0);
+    EXPECT_GT(found.size(), 0U);
+    RecordProperty("dropped", dropped);
+    const std::string told = "(I) tong log: " + std::to_string(found.size()) + " written, " +
+                             std::to_string(dropped) + " dropped";
+    EXPECT_TRUE(collector_.logged(told)) << told;
+    for (const fs::path& path : files()) fs::remove(path);
+  }
+}
+
 TEST_F(Tong, ABudgetThatIsNoNumberInRangeIsToldAndTheUsualOneHolds) {
   for (const char* const value : {"", "0", "1048577", "1MB"}) {
     collector_.environment["VARN_TONG_BUDGET_MB"] = value;

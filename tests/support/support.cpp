@@ -52,6 +52,15 @@ bool wait_until(const std::function<bool()>& condition, Duration within) {
   return true;
 }
 
+bool is_long_run() { return std::getenv("VARN_SOAK") != nullptr; }
+
+int rounds(int usual, int times_in_long_run) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  usual /= 10;
+#endif
+  return is_long_run() ? usual * times_in_long_run : usual;
+}
+
 std::string euc_kr(std::string_view utf8) {
   const iconv_t converter = iconv_open("EUC-KR", "UTF-8");
   if (converter == reinterpret_cast<iconv_t>(-1)) fail("iconv_open");

@@ -47,6 +47,11 @@ inline constexpr Duration kDeadline = 20s;
 // Polls until `condition()` holds: whether it did within the time.
 bool wait_until(const std::function<bool()>& condition, Duration within = kDeadline);
 
+// How often to do what breaks a promise only once in many times: a tenth of the usual under a
+// sanitizer, so many times as often with VARN_SOAK=1, the long run.
+bool is_long_run();
+int rounds(int usual, int times_in_long_run);
+
 std::string euc_kr(std::string_view utf8);
 
 class TempDir {
