@@ -9,7 +9,7 @@ import subprocess
 import sys
 
 root = pathlib.Path(sys.argv[1])
-WANTED = {".ci/run", "scripts/demo", "scripts/test", "scripts/bench"}
+WANTED = {".ci/run", "scripts/demo", "scripts/test", "scripts/bench", "scripts/soak"}
 faults, found = [], set()
 for folder in (".ci", "scripts", "tests", "tools", "bench", "examples"):
     for path in sorted((root / folder).rglob("*")):
