@@ -64,9 +64,12 @@ std::string_view call_text(const char (&place)[kSize]) {
   return printable(Text::of(place), kSize);
 }
 
-std::string_view text_or_empty(Text text) {
-  constexpr std::size_t kMost = kCallBody.back().width;
-  return text.given() ? printable(text, kMost) : std::string_view();
+std::string_view text_or_empty(Text text, std::size_t most = kCallBody.back().width) {
+  return text.given() ? printable(text, most) : std::string_view();
+}
+
+std::string_view function_name(Text func_nm) {
+  return text_or_empty(func_nm, sizeof CallEntry::func_nm - 1);
 }
 
 // ---- Start ----
@@ -139,13 +142,13 @@ int start_call(MTR_CXT_VAR& var, const StartArgs& args) {
 
   count_start(var);
   const std::int32_t call_nest = load(entry.call_nest);
-  if (call_nest < 0) return refuse_negative_nesting(text_or_empty(args.func_nm));
+  if (call_nest < 0) return refuse_negative_nesting(function_name(args.func_nm));
   if (!kIsDbio && call_nest > load(entry.trc_depth)) return TRAN_RC_OK;  // not traced
   const int call_top = load(entry.call_top);
   if (call_top < 0 || call_top > kMaxCallDepth) return TRAN_RC_CALL_DEPTH;
   if (const CallEntry* const top = innermost_call(entry);
       kIsDbio && top != nullptr && load(top->type) == kDbioCall)
-    return refuse_nested_dbio(entry, *top, text_or_empty(args.func_nm));
+    return refuse_nested_dbio(entry, *top, function_name(args.func_nm));
   if (call_top == kMaxCallDepth) return TRAN_RC_CALL_DEPTH;
   push_call(var, call_top, kType, args);
   return TRAN_RC_OK;
@@ -191,14 +194,14 @@ struct EndedCall {
 };
 
 [[gnu::cold]] int refuse_end_without_start(Text func_nm) {
-  const std::string_view name = text_or_empty(func_nm);
+  const std::string_view name = function_name(func_nm);
   VARN_LOG_LIMITED("<!> depth error, function(%.*s) call does not match the start and end.",
                    static_cast<int>(name.size()), name.data());
   return TRAN_RC_CALL_DEPTH;
 }
 
 [[gnu::cold]] int refuse_end_below_zero(Text func_nm) {
-  const std::string_view name = text_or_empty(func_nm);
+  const std::string_view name = function_name(func_nm);
   VARN_LOG_LIMITED("<!> depth error, function(%.*s) call.", static_cast<int>(name.size()),
                    name.data());
   return TRAN_RC_CALL_DEPTH;

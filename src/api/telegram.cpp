@@ -45,7 +45,7 @@ bool is_gateway(Text svc_id) { return begins_with(svc_id, "GW"); }
 
 // Of a service id of twelve characters, nine tell the service.
 Text service_of(Text svc_id) {
-  const Text text = up_to_its_end(svc_id, kInfoBody.back().width);
+  const Text text = up_to_its_end(svc_id, kSvcId.width);
   return text.len == 12 ? Text{text.ptr, 9} : text;
 }
 

@@ -16,7 +16,7 @@ inline constexpr int kMaxCallers = 4096;
 enum CallerState : std::uint32_t {
   kOutside = 0,
   kInCall = 1,
-  kInStartStop = 2,  // TRAN_INIT and TRAN_DONE: not waited for by TRAN_DONE
+  kInStartStop = 2,  // TRAN_INIT and TRAN_DONE, or a change of names: not waited for by TRAN_DONE
 };
 
 struct alignas(64) Caller {

@@ -90,6 +90,7 @@ Attach attach_segment(key_t key, std::int32_t* shmid, Segment** segment) {
 
 int take_log_home(const ConfigKey& key, const char* value) {
   const char* const home = secure_getenv("TRAN_AGT_HOME");
+  if (home == nullptr) return TRAN_RC_NO_ENVIRONMENT;  // taken away meanwhile
   const int n = value[0] == '/'
                     ? std::snprintf(log_home_dir, sizeof log_home_dir, "%s", value)
                     : std::snprintf(log_home_dir, sizeof log_home_dir, "%s/%s", home, value);
@@ -340,8 +341,10 @@ int tran_init() {
   }
   gvar.pid = getpid();
   set_proc_nm(gvar.proc_nm, gvar.cont_nm, gvar.pid);
+  const char* settings = nullptr;
   for (const char* const name : {"TRAN_HOME", "TRAN_AGT_HOME", "TRAN_AGT_CFG_FILE"}) {
-    if (secure_getenv(name) == nullptr) {
+    settings = secure_getenv(name);  // the last of them
+    if (settings == nullptr) {
       log_printf("<!> please, check environment-variable (%s)", name);
       return TRAN_RC_NO_ENVIRONMENT;
     }
@@ -350,7 +353,7 @@ int tran_init() {
   const char* const numbering = secure_getenv("VARN_THREAD_ID");
   use_kernel_tid = numbering != nullptr && std::strcmp(numbering, "kernel") == 0;
 
-  if (const int rc = read_configuration(secure_getenv("TRAN_AGT_CFG_FILE")); rc != 0) return rc;
+  if (const int rc = read_configuration(settings); rc != 0) return rc;
   if (!read_host_name()) {
     log_printf("<!> tran_init fail, gethostname() error");
     return kFailed;

@@ -183,7 +183,7 @@ int release_all(const Caller& self) {
 
 int tran_destroy(const Caller& self) {
   // A failed start or stop may have left something behind.
-  if (!is_started()) return has_contexts() ? release_all(self) : 0;
+  if (!is_started()) return has_contexts() ? release_all(self) : detach_all();
   store_release(gvar.init_mark, kNeverStarted);
   usleep(kDrainPauseMs * 1000);
   if (const int rc = release_all(self); rc != 0) return rc;

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/call.h"
 #include "core/caller.h"
 #include "core/tran_ex.h"
 #include "util/cancel_guard.h"
@@ -120,7 +121,6 @@ class [[nodiscard]] ListGuard {
 
  private:
   inline static bool prepared_ = false;
-  const CancelGuard not_cancelled_;
   Caller* const self_;
   bool locked_ = false;
 };
@@ -246,13 +246,19 @@ extern "C" {
 
 void TRAN_ADD_PROFILE(std::uint64_t func_addr, const char* func_name) {
   if (func_name == nullptr) return;
+  const CancelGuard not_cancelled;
   const ErrnoGuard errno_kept;
+  const Announced announced(kInStartStop);
+  if (announced.code() != 0) return;
   Profile* const profile = new_profile(func_addr, func_name);
   if (profile != nullptr && !add_profile(profile)) free_profile(profile);
 }
 
 void TRAN_DEL_PROFILE(std::uint64_t func_addr) {
+  const CancelGuard not_cancelled;
   const ErrnoGuard errno_kept;
+  const Announced announced(kInStartStop);
+  if (announced.code() != 0) return;
   free_profile(take_profile(func_addr));
 }
 

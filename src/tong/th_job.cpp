@@ -175,7 +175,7 @@ int create_th_job() {
   sigfillset(&blocked);
   for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL}) sigdelset(&blocked, fault);
   pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
+  if (const int rc = pthread_attr_init(&attributes); rc != 0) return rc;
   pthread_attr_setstacksize(&attributes, kStackBytes);
   pthread_sigmask(SIG_SETMASK, &blocked, &before);
   const int rc = pthread_create(&writer.th, &attributes, th_job, nullptr);

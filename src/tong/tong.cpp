@@ -12,6 +12,7 @@
 #include "layout/sttl.h"
 #include "layout/tong_record.h"
 #include "tong/deffered_que.h"
+#include "util/cancel_guard.h"
 #include "util/clock.h"
 #include "util/errno_guard.h"
 #include "util/log_printf.h"
@@ -171,6 +172,7 @@ bool is_tong_logged() {
 }
 
 void queue_telegram(int tid, const char* telegram, std::size_t n, int kind) {
+  const CancelGuard not_cancelled;
   const ErrnoGuard errno_kept;
   if (n > kMostTongTelegram) {
     tong.dropped.fetch_add(1, std::memory_order_relaxed);

@@ -38,14 +38,14 @@ struct tm local_time() {
 // "2018-05-18", of the file's name. Sets the day that the open file is for.
 void get_cur_date(char (&date_str)[32]) {
   const struct tm local = local_time();
-  std::strftime(date_str, sizeof date_str, "%Y-%m-%d", &local);
+  if (std::strftime(date_str, sizeof date_str, "%Y-%m-%d", &local) == 0) date_str[0] = '\0';
   log_state.cur_day.store(local.tm_yday);
 }
 
 // "05-18 10:20:30  ", of a line.
 void get_cur_time(char (&time_str)[32]) {
   const struct tm local = local_time();
-  std::strftime(time_str, sizeof time_str, "%m-%d %T  ", &local);
+  if (std::strftime(time_str, sizeof time_str, "%m-%d %T  ", &local) == 0) time_str[0] = '\0';
 }
 
 // While another thread switches the file, the number stands for the old or the new one.
@@ -83,7 +83,7 @@ void switch_file() {
   if (old_fd < 0) {
     file.fd.store(new_fd);
   } else if (new_fd >= 0) {
-    dup3(new_fd, old_fd, O_CLOEXEC);
+    if (dup3(new_fd, old_fd, O_CLOEXEC) < 0) remember_file(file, old_fd);  // which goes on
     close(new_fd);
   }
 }

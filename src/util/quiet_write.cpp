@@ -14,6 +14,7 @@ ssize_t write_quietly(int fd, const void* bytes, std::size_t size) {
   sigset_t raised;
   sigset_t before;
   sigset_t pending;
+  sigemptyset(&pending);
   sigemptyset(&raised);
   sigaddset(&raised, SIGPIPE);
   sigaddset(&raised, SIGXFSZ);
