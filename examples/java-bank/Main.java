@@ -18,13 +18,23 @@ final class Main {
   private Main() {}
 
   public static void main(String[] args) throws Exception {
-    // Records are EUC-KR, and so is the default charset; a terminal is not.
-    final PrintStream out =
-        new PrintStream(new FileOutputStream(FileDescriptor.out), true, StandardCharsets.UTF_8);
     final int requests = args.length > 0 ? Integer.parseInt(args[0]) : 50;
     final int rc = Tran.init("JAVABANK");
     if (rc != 0) System.err.println("java-bank: not traced, Tran.init returned " + rc);
+    final boolean isRight;
+    try {
+      isRight = serve(requests);
+    } finally {
+      Tran.done();
+    }
+    System.exit(isRight ? 0 : 1);
+  }
 
+  // Whether every answer was right, and no money came or went.
+  private static boolean serve(int requests) throws Exception {
+    // Records are EUC-KR, and so is the default charset; a terminal is not.
+    final PrintStream out =
+        new PrintStream(new FileOutputStream(FileDescriptor.out), true, StandardCharsets.UTF_8);
     final Path file = Files.createTempFile("java-bank", ".db");
     try {
       final Ledger ledger = new Ledger(file);
@@ -34,14 +44,14 @@ final class Main {
       try (Server server = new Server(new Service(ledger))) {
         client.send(server.port(), requests);
       }
+      final boolean isUnchanged = ledger.total() == before;
       out.printf(
           "java-bank: %d requests, %d done, %d refused, %d wrong answers; total balance %s (%d)%n",
           requests, client.done(), client.refused(), client.wrong(),
-          ledger.total() == before ? "unchanged" : "CHANGED", before);
-      if (client.wrong() > 0 || ledger.total() != before) System.exit(1);
+          isUnchanged ? "unchanged" : "CHANGED", before);
+      return client.wrong() == 0 && isUnchanged;
     } finally {
       Files.delete(file);
-      Tran.done();
     }
   }
 }

@@ -14,6 +14,7 @@ import java.util.HashMap;
 import java.util.Map;
 import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
+import java.util.concurrent.TimeUnit;
 
 /** The bank's doors: each request is one transaction. */
 final class Server implements AutoCloseable {
@@ -42,10 +43,12 @@ final class Server implements AutoCloseable {
     return http.getAddress().getPort();
   }
 
+  // A worker has answered before its transaction ends: the agent is not stopped until then.
   @Override
-  public void close() {
-    http.stop(1);
+  public void close() throws InterruptedException {
+    http.stop(0);
     workers.shutdown();
+    if (!workers.awaitTermination(10, TimeUnit.SECONDS)) workers.shutdownNow();
   }
 
   // ---- Requests with parameters ----

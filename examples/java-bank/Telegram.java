@@ -68,9 +68,9 @@ final class Telegram {
   }
 
   Telegram set(Field field, String text) {
-    final byte[] value = Arrays.copyOf(text.getBytes(EUC_KR), field.width);
-    for (int n = text.length(); n < field.width; ++n) value[n] = ' ';
-    System.arraycopy(value, 0, bytes, field.at, field.width);
+    final byte[] value = text.getBytes(EUC_KR);
+    Arrays.fill(bytes, field.at, field.at + field.width, (byte) ' ');
+    System.arraycopy(value, 0, bytes, field.at, Math.min(value.length, field.width));
     return this;
   }
 
