@@ -14,9 +14,10 @@
 #include "process/calls.h"
 
 namespace varn::test {
+namespace fs = std::filesystem;
 namespace {
 
-const bool is_redirected = redirect_imports().empty();
+[[maybe_unused]] const auto redirected = redirect_imports();
 
 bool is(const ExportedCall& call, std::string_view name) { return call.name == name; }
 bool starts_or_stops(const ExportedCall& call) {
@@ -81,37 +82,38 @@ TEST_F(Calls, LeaveErrnoAsItWasInEveryState) {
   const auto fail_allocations = [] {
     set_on_import([](std::size_t n) { return imports()[n].kind == Kind::kAllocates ? ENOMEM : 0; });
   };
-  const std::pair<const char*, std::function<void()>> states[] = {
-      {"not to be started", [] { unsetenv("TRAN_HOME"); }},
-      {"not started", [] {}},
-      {"started", [] { TRAN_INIT(); }},
-      {"stopped", [] { TRAN_INIT(), TRAN_DONE(); }},
-      {"off", [&] { TRAN_INIT(), collector_.que_info().magic_code = 0; }},
-      {"full queue",
-       [] {
-         for (TRAN_INIT(); event(-1) != 105;)
+  const auto go_on_in_child = [] {
+    const pid_t child = fork();
+    int status = -1;
+    if (child > 0) waitpid(child, &status, 0);
+    if (child != 0) std::_Exit(status == 0 ? 0 : 1);
+  };
+  const std::pair<const char*, std::function<void(FakeCollector&)>> states[] = {
+      {"without an environment", [](FakeCollector&) { unsetenv("TRAN_HOME"), TRAN_INIT(); }},
+      {"not started", [](FakeCollector&) {}},
+      {"started", [](FakeCollector&) {}},
+      {"stopped", [](FakeCollector&) { TRAN_DONE(); }},
+      {"off", [](FakeCollector& c) { c.que_info().magic_code = 0; }},
+      {"with a full queue",
+       [](FakeCollector&) {
+         while (event(-1) != 105)
            ;
        }},
-      {"no queue", [&] { TRAN_INIT(), collector_.remove_object(kTranLogfMsgqKey); }},
-      {"no semaphore", [&] { TRAN_INIT(), collector_.remove_object(kPtrcHashTblSemKey); }},
-      {"no memory", [&] { TRAN_INIT(), fail_allocations(); }},
-      {"forked child",
-       [] {
-         TRAN_INIT();
-         if (const pid_t child = fork(); child > 0) {
-           int status = -1;
-           while (waitpid(child, &status, 0) < 0) {
-           }
-           exit(status == 0 ? 0 : 1);
-         }
-       }},
+      {"without a queue", [](FakeCollector& c) { c.remove_object(kTranLogfMsgqKey); }},
+      {"without a semaphore", [](FakeCollector& c) { c.remove_object(kPtrcHashTblSemKey); }},
+      {"without settings", [](FakeCollector& c) { fs::remove(c.home() / "agent.cfg"); }},
+      {"without memory", [&](FakeCollector&) { fail_allocations(); }},
+      {"in a forked child", [&](FakeCollector&) { go_on_in_child(); }},
   };
   for (const auto& [name, enter] : states) {
-    if (!kMayFork && std::string_view(name) == "forked child") continue;
+    const std::string_view state = name;
+    if (!kMayFork && state == "in a forked child") continue;
     SCOPED_TRACE(name);
-    EXPECT_TRUE(collector_.run([&, enter = enter] {
-      collector_.que_info().tong_log_flag = '1';
-      enter();
+    FakeCollector collector({.queues = 1});
+    EXPECT_TRUE(collector.run([&, enter = enter] {
+      collector.que_info().tong_log_flag = '1';
+      if (state != "not started" && state != "without an environment") TRAN_INIT();
+      enter(collector);
       for (const int tid : {-1, 77}) {
         for (const ExportedCall& call : kExportedCalls) {
           errno = 4242;
@@ -122,8 +124,6 @@ TEST_F(Calls, LeaveErrnoAsItWasInEveryState) {
       }
       std::_Exit(HasFailure() ? 1 : 0);
     }));
-    collector_.que_info().magic_code = kMagicReady;
-    collector_.read_all();
   }
 }
 

@@ -127,7 +127,9 @@ testing::AssertionResult ChildProcess::wait(Duration within) {
   reaped_ = wait_until([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, within);
   if (!reaped_) return testing::AssertionFailure() << "child " << pid_ << " did not end in time";
   if (status == 0) return testing::AssertionSuccess();
-  return testing::AssertionFailure() << "child ended with status 0x" << std::hex << status;
+  if (WIFSIGNALED(status))
+    return testing::AssertionFailure() << "child ended by signal " << WTERMSIG(status);
+  return testing::AssertionFailure() << "child ended with " << WEXITSTATUS(status);
 }
 
 void IpcObject::make(std::size_t size) {
