@@ -302,7 +302,7 @@ VARN_API int TRAN_CALLINFO_S(TRAN_CALL_PARAMETERS);
  * calls in it, place, function name, number and return code, for a database call also what was told
  * of its SQL. Its pending SQL statements are sent before it.
  *   hdr_cd, hdr_flag, pid_str, date_str, time_str   for the record's header
- *   call_at, call_src, line   place (70), source file (the start's when null), line number
+ *   call_at, call_src, line   place, source file (the start's when null), line number
  *   status                    the call's return code
  *   func_nm                   decides whether this is the end of a database call
  *   label                     what stands in front; "METHOD" for a business call when null
