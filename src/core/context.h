@@ -43,10 +43,11 @@ inline int get_mtr_cxt_var(Caller& caller, int tid, MTR_CXT_VAR** out) {
   return TRAN_RC_OK;
 }
 
-// The innermost open service; null when the depth is not 1 to 10.
+// The innermost open service; null when the depth is not 1 to 10, which threads that share the
+// process's own context may make it at any time.
 inline SvcLevel* current_level(MTR_CXT_VAR& var) {
-  if (var.svc_depth < 1 || var.svc_depth > kMaxSvcDepth) return nullptr;
-  return &var.svc_stack[var.svc_depth - 1];
+  const int depth = load(var.svc_depth);
+  return depth < 1 || depth > kMaxSvcDepth ? nullptr : &var.svc_stack[depth - 1];
 }
 
 // The first free one of a bucket's contexts, or null.

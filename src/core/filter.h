@@ -16,8 +16,8 @@ enum class Filter { kPass, kRefuse, kGoOn };
 inline Filter service_filter(const MTR_CXT_VAR& var, std::uint8_t svc_flag) {
   const std::uint8_t filtering = load(gvar.que_info->svc_filtering);
   if (filtering == 0) return Filter::kGoOn;
-  if (var.svc != nullptr)
-    return (load(var.svc->trace_flags) & svc_flag) != 0 ? Filter::kPass : Filter::kRefuse;
+  if (const SVC_HASH_ENT* const svc = load(var.svc); svc != nullptr)
+    return (load(svc->trace_flags) & svc_flag) != 0 ? Filter::kPass : Filter::kRefuse;
   return filtering == 2 ? Filter::kRefuse : Filter::kGoOn;
 }
 

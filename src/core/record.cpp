@@ -77,9 +77,10 @@ void put_header(const MTR_CXT_VAR& var, TRAN_LOGF_QUE_DATA& record, const Record
 
 void close_record(MTR_CXT_VAR& var, const RecordKind& kind) {
   const std::uint32_t length = kind.length();
+  const std::uint32_t used = load(var.rec_used);
   var.rec.length = length;
-  if (length < var.rec_used) std::memset(var.rec.view + length, ' ', var.rec_used - length);
-  var.rec_used = length;
+  if (length < used) std::memset(var.rec.view + length, ' ', used - length);
+  store(var.rec_used, length);
 }
 
 int tran_logb(MTR_CXT_VAR& var, const TRAN_LOGF_QUE_DATA& record) {

@@ -133,7 +133,9 @@ void report_linked_transaction(MTR_CXT_VAR& var, Pairs pairs, const SvcLevel& to
 // What an open service means for the one that is about to start.
 void settle_open_levels(MTR_CXT_VAR& var, const ServiceForm& form, Pairs pairs,
                         std::int64_t second) {
-  const SvcLevel top = var.svc_stack[var.svc_depth - 1];
+  const SvcLevel* const open = current_level(var);
+  if (open == nullptr) return;
+  const SvcLevel top = *open;
   const auto elapsed =
       static_cast<std::int32_t>(static_cast<std::uint64_t>(second) -
                                 static_cast<std::uint64_t>(load(var.ptrc->svc_mark_time)));
@@ -163,28 +165,29 @@ void stamp_entry(MTR_CXT_VAR& var, const ServiceForm& form, const TimeVal& curre
   store(var.ptrc->fetch_time, 0);
 }
 
-// Shows the innermost level in the thread's shared entry.
-void mirror_level(MTR_CXT_VAR& var) {
-  const SvcLevel& level = var.svc_stack[var.svc_depth - 1];
-  EntryLevel& mirror = var.ptrc->entry_stack[var.svc_depth - 1];
+// Shows a level in the thread's shared entry.
+void mirror_level(MTR_CXT_VAR& var, const SvcLevel& level) {
+  EntryLevel& mirror = var.ptrc->entry_stack[&level - var.svc_stack];
   std::memcpy(mirror.gid, level.gid, sizeof mirror.gid);
   std::memcpy(mirror.svc_id, level.svc_id, sizeof mirror.svc_id);
 }
 
 void name_level(MTR_CXT_VAR& var) {
   const char* const view = var.rec.view;
-  SvcLevel& level = var.svc_stack[var.svc_depth - 1];
-  std::memcpy(level.gid, view + kGid.at, sizeof level.gid);
-  std::memcpy(level.svc_id, view + kSvcId.at, sizeof level.svc_id);
-  mirror_level(var);
+  SvcLevel* const level = current_level(var);
+  if (level == nullptr) return;
+  std::memcpy(level->gid, view + kGid.at, sizeof level->gid);
+  std::memcpy(level->svc_id, view + kSvcId.at, sizeof level->svc_id);
+  mirror_level(var, *level);
 }
 
 // A level without a record still has its own name, not that of a service that stood there before.
 void name_refused_level(MTR_CXT_VAR& var, Pairs pairs) {
-  SvcLevel& level = var.svc_stack[var.svc_depth - 1];
-  put_padded(level.gid, sizeof level.gid, pairs[kPair_gid]);
-  put_padded(level.svc_id, sizeof level.svc_id, pairs[kPair_svc_id]);
-  mirror_level(var);
+  SvcLevel* const level = current_level(var);
+  if (level == nullptr) return;
+  put_padded(level->gid, sizeof level->gid, pairs[kPair_gid]);
+  put_padded(level->svc_id, sizeof level->svc_id, pairs[kPair_svc_id]);
+  mirror_level(var, *level);
 }
 
 }  // namespace
@@ -336,16 +339,17 @@ int report_snapshot(MTR_CXT_VAR& var, Pairs pairs) {
 }  // namespace
 
 int end_service(MTR_CXT_VAR& var, const ServiceForm& form, int tid, Pairs pairs) {
-  if (var.svc_depth < 1) return refuse_end_without_service(var, pairs);
-  if (var.svc_depth > kMaxSvcDepth) return refuse_end_beyond_stack(var, form, pairs);
-  SvcLevel& top = var.svc_stack[var.svc_depth - 1];
+  const int depth = load(var.svc_depth);
+  if (depth < 1) return refuse_end_without_service(var, pairs);
+  if (depth > kMaxSvcDepth) return refuse_end_beyond_stack(var, form, pairs);
+  SvcLevel& top = var.svc_stack[depth - 1];
   if (const int rc = trace_validate(var, '2', form.end_api, var.rec, Text::of(top.svc_id), {});
       rc != 0) {
-    if (!form.is_partial) set_depth(var, var.svc_depth - 1);
+    if (!form.is_partial) set_depth(var, depth - 1);
     return rc;
   }
 
-  const bool outermost = var.svc_depth == 1;
+  const bool outermost = depth == 1;
   if (outermost && ((var.log_bit & kStartBit) == 0 || (var.log_bit & kEndBit) != 0))
     log_stray_log_bit(var, "END_BIT", tid, top, pairs);
   if (outermost && load(var.ptrc->call_cnt) >= 1) report_call_statistics(var, form);
@@ -365,7 +369,7 @@ int end_service(MTR_CXT_VAR& var, const ServiceForm& form, int tid, Pairs pairs)
     show_ended(var, current.sec);
     if (load(var.ptrc->snapshot_state) == kSnapshotFinished) rc = report_snapshot(var, pairs);
   }
-  set_depth(var, var.svc_depth - 1);
+  set_depth(var, depth - 1);
   return rc;
 }
 

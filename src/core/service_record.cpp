@@ -22,8 +22,9 @@ bool is_same_gid(Text a, Text b) {
 }
 
 void set_depth(MTR_CXT_VAR& var, int depth) {
-  var.svc_depth = static_cast<std::int8_t>(depth);
-  if (var.ptrc != nullptr) store(var.ptrc->entry_depth, var.svc_depth);
+  const auto shown = static_cast<std::int8_t>(depth);
+  store(var.svc_depth, shown);
+  if (var.ptrc != nullptr) store(var.ptrc->entry_depth, shown);
 }
 
 void put_service(MTR_CXT_VAR& var, const RecordKind& kind, Pairs pairs, std::int64_t elapsed_us,

@@ -80,9 +80,9 @@ int validate_start(MTR_CXT_VAR& var, const RecordKind& kind, const char* svc_id,
     case Filter::kRefuse:
       return TRAN_RC_FILTERED;
     case Filter::kPass:
-      if (outermost) {
+      if (const SVC_HASH_ENT* const svc = load(var.svc); outermost && svc != nullptr) {
         reset_call_counters(entry);
-        set_limits(entry, limits_of(*var.svc));
+        set_limits(entry, limits_of(*svc));
       }
       return TRAN_RC_OK;
     case Filter::kGoOn:

@@ -57,6 +57,18 @@ void fill_entry(PTRC_HASH_ENT& entry, const EntryKey& key, const EntryOwner& own
   store_release(entry.ent_status, static_cast<std::uint8_t>(kEntInUse));
 }
 
+// An entry found in use was left by this process before its last stop, or by one with the same id
+// that crashed: whatever calls were open then are not.
+void close_calls(PTRC_HASH_ENT& entry) {
+  store(entry.call_top, std::int8_t{0});
+  store(entry.call_last_top, std::int8_t{0});
+  store(entry.call_nest, 0);
+  store(entry.call_cnt, 0);
+  store(entry.dbio_elapsed_total, std::int64_t{0});
+  store(entry.sql_cnt, 0);
+  store(entry.sqlcode, kNoSqlcode);
+}
+
 }  // namespace
 
 EntryResult get_ptrc_hash(PTRC_HASH_TBL& table, const EntryOwner& owner, PTRC_HASH_ENT** out) {
@@ -70,6 +82,7 @@ EntryResult get_ptrc_hash(PTRC_HASH_TBL& table, const EntryOwner& owner, PTRC_HA
     if (visited == kTableEntries) return EntryResult::kOverlong;
     PTRC_HASH_ENT& entry = table.entries[at];
     if (belongs_to(entry, key)) {
+      close_calls(entry);
       *out = &entry;
       return EntryResult::kFound;
     }
