@@ -127,7 +127,8 @@ class Vandal {
   Random random_;
 };
 
-// What a sound image holds, where images differ from it.
+// What a sound image holds, where images differ from it. Among its entries are those of another
+// process, full to their ends, under numbers that a damaged link or count is likely to be.
 class Image {
  public:
   explicit Image(FakeCollector& collector) : collector_(collector) {
@@ -143,14 +144,55 @@ class Image {
     keep(ptrc.entries, sizeof *ptrc.entries * 2);
     keep(&ptrc.entries[kTableEntries - kNear], sizeof *ptrc.entries * kNear);
     keep(&ptrc.free_stack, sizeof ptrc.free_stack + sizeof ptrc.used_stack);
+    restore();
+  }
+
+  // Whether what this process has no right to write is as it was. A damaged chain may have been
+  // lengthened by another's entry: its link is not looked at.
+  const char* changed_part() const {
+    const PTRC_HASH_TBL& ptrc = collector_.ptrc_tbl();
+    for (const int n : kOthers)
+      if (!is_other(ptrc.entries[n])) return "another process's entry";
+    constexpr int kOwnChains = 4;  // of the threads' numbers and of the thread's own
+    const auto* const heads = kept_at<std::int32_t>(&ptrc, offsetof(PTRC_HASH_TBL, heads));
+    int changed = 0;
+    for (int n = 0; n < kTableChains; ++n) changed += ptrc.heads[n] != heads[n];
+    if (changed > kOwnChains) return "others' chains";
+    const auto* const numbers = kept_at<std::uint32_t>(&ptrc.free_stack, sizeof(std::uint32_t));
+    if (!std::equal(numbers, numbers + kTableEntries - kNear, ptrc.free_stack.numbers))
+      return "the free numbers";
+    return nullptr;
   }
 
   void restore() {
     for (const auto& [at, bytes] : kept_) std::memcpy(at, bytes.data(), bytes.size());
+    for (const int n : kOthers) fill_other(collector_.ptrc_tbl().entries[n]);
     for (int n = 0; n < 4; ++n) collector_.read_queue(n);
   }
 
  private:
+  static constexpr int kOthers[] = {2,   5,   6,     51,    52,
+                                    127, 128, 8'192, 8'193, kTableEntries - kNear - 1};
+  static constexpr char kOther = 'Z';
+  static constexpr std::size_t kFilledFrom = offsetof(PTRC_HASH_ENT, main_gid);
+
+  static void fill_other(PTRC_HASH_ENT& entry) {
+    std::memset(reinterpret_cast<char*>(&entry) + kFilledFrom, kOther, sizeof entry - kFilledFrom);
+    entry.ent_status = kEntInUse;
+    entry.next = kNoEntry;
+  }
+  static bool is_other(const PTRC_HASH_ENT& entry) {
+    const auto* const bytes = reinterpret_cast<const char*>(&entry);
+    const auto others = std::count(bytes + kFilledFrom, bytes + sizeof entry, kOther);
+    return entry.ent_status == kEntInUse && others + 1 == sizeof entry - kFilledFrom;
+  }
+  template <typename T>
+  const T* kept_at(const void* part, std::size_t offset) const {
+    const auto kept =
+        std::find_if(kept_.begin(), kept_.end(), [part](const auto& k) { return k.first == part; });
+    return reinterpret_cast<const T*>(kept->second.data() + offset);
+  }
+
   void keep(void* at, std::size_t size) {
     kept_.emplace_back(at, std::string(static_cast<char*>(at), size));
   }
@@ -166,7 +208,9 @@ struct Verdict {
   std::string_view call;  // in the program's own constants
   int result;
   bool undocumented, wrote_behind, slow;
+  const char* changed;  // what was not its own to write
   Duration longest;
+  bool is_harmed() const { return undocumented || wrote_behind || slow || changed != nullptr; }
 };
 
 // Time for which the thread was ready and the machine busy with others.
@@ -190,6 +234,7 @@ class Walker {
   }
 
   int make(const ExportedCall& call, int tid) {
+    if (!verdict_.is_harmed()) verdict_.call = call.name;  // for a process that dies in it
     const auto delay = run_delay();
     const auto begun = std::chrono::steady_clock::now();
     const int result = varn::test::make(call, tid);
@@ -261,6 +306,8 @@ testing::AssertionResult is_unharmed(int status, const Verdict& verdict) {
   if (status != 0) return failed("died") << ", status " << status;
   if (verdict.undocumented) return failed("no documented code");
   if (verdict.wrote_behind) return failed("a write behind a segment");
+  if (verdict.changed != nullptr)
+    return failed("a write into others' parts") << ": " << verdict.changed;
   if (verdict.slow) return failed("too long");
   return testing::AssertionSuccess();
 }
@@ -334,6 +381,7 @@ const Damage kDamages[] = {
     {"another thread's entry", [](Shown s) { s.entry.ent_tid = 1; }, "TRAN_INFO", kTid, 118},
     {"-1 open calls", [](Shown s) { s.entry.call_top = -1; }, "TRAN_CALLINFO_S", kTid, 115},
     {"52 open calls", [](Shown s) { s.entry.call_top = 52; }, "TRAN_CALLINFO_F", kTid, 115},
+    {"-2 open calls at an end", [](Shown s) { s.entry.call_top = -2; }, "TRAN_CALLINFO_F", kTid, 115},
     {"127 open calls", [](Shown s) { s.entry.call_top = 127; }, "TRAN_SET_SQLCA_INFO", kTid, 115},
     {"nesting of -2", [](Shown s) { s.entry.call_nest = -3; }, "TRAN_CALLINFO_S", kTid, 115},
     {"6 statements", [](Shown s) { s.entry.sql_cnt = 6; }, "TRAN_SQL_STMT", kTid, 113},
@@ -450,6 +498,7 @@ TEST(Images, WhateverTheSegmentsHoldEveryCallComesBackInTime) {
           image.restore();
           *verdict = {};
           status = status_of([&] { live_on(collectors[w], seed, *verdict); });
+          verdict->changed = image.changed_part();
         }
         EXPECT_TRUE(is_unharmed(status, *verdict)) << "VARN_SEED=" << seed << " replays it";
       }
