@@ -5,6 +5,7 @@ namespace varn {
 
 template <typename T>
 T load(const T& word) {
+  // NOLINTNEXTLINE(bugprone-sizeof-expression): a word may be a pointer
   static_assert(__atomic_always_lock_free(sizeof(T), nullptr), "a hidden lock is not shared");
   return __atomic_load_n(&word, __ATOMIC_RELAXED);
 }

@@ -46,7 +46,7 @@ namespace varn::test {
 namespace {
 
 // Steps between one death and the next; instrumented code takes many more.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef __SANITIZE_ADDRESS__
 constexpr std::size_t kStride = 997;
 #else
 constexpr std::size_t kStride = 37;
@@ -239,6 +239,9 @@ void die_at_every_step(const Making& making, std::size_t stride) {
 }
 
 TEST(Peers, AProcessKilledAtAnyStepOfMakingAnEntryLeavesASoundTable) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "a step is thousands of the thread sanitizer's own, which sees no other process";
+#endif
   constexpr Making kMakings[] = {{"first_of_chain", false}, {"behind_another", true}};
   for (const Making& making : kMakings) {
     SCOPED_TRACE(making.what);
