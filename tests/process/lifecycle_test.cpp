@@ -119,10 +119,10 @@ TEST_F(Lifecycle, ACancelledThreadFinishesItsCallAndLeavesNoLock) {
 }
 
 TEST_F(Lifecycle, ForksBesideBusyThreadsHaveNoLockLeftHeld) {
-  EXPECT_TRUE(collector_.run([&] {
+  const auto body = [&] {
     ASSERT_EQ(TRAN_INIT(), 0);
     const Hammer hammer(3);
-    for (int i = 0; i < 20; ++i) {
+    for (int i = rounds(100, 100); i > 0; --i) {
       ASSERT_TRUE(hammer.gets_through());
       const pid_t child = fork();
       if (child == 0) {
@@ -134,11 +134,12 @@ TEST_F(Lifecycle, ForksBesideBusyThreadsHaveNoLockLeftHeld) {
       EXPECT_TRUE(ends_well(child));
     }
     EXPECT_TRUE(hammer.gets_through());
-  }));
+  };
+  EXPECT_TRUE(collector_.run(body, kDeadlineOfRounds));
 }
 
 TEST_F(Lifecycle, OfManyStartsWhileThreadsCallOneIsTheStartAndAReleaseEndsIt) {
-  EXPECT_TRUE(collector_.run([&] {
+  const auto body = [&] {
     collector_.que_info().que_cnt = 17;
     ASSERT_EQ(TRAN_INIT(), 103);
     EXPECT_EQ(TRAN_DONE(), 0);
@@ -147,7 +148,7 @@ TEST_F(Lifecycle, OfManyStartsWhileThreadsCallOneIsTheStartAndAReleaseEndsIt) {
     for (int tid = 1; tid <= 24; ++tid) EXPECT_TRUE(is_sent(event(tid))) << "not whole at " << tid;
     EXPECT_EQ(TRAN_DONE(), 0);
     const Hammer hammer(4);
-    for (int cycle = 0; cycle < 20; ++cycle) {
+    for (int cycle = rounds(100, 100); cycle > 0; --cycle) {
       std::vector<std::future<int>> starts;
       for (int i = 0; i < 4; ++i) starts.push_back(std::async(std::launch::async, TRAN_INIT));
       std::multiset<int> results;
@@ -159,7 +160,8 @@ TEST_F(Lifecycle, OfManyStartsWhileThreadsCallOneIsTheStartAndAReleaseEndsIt) {
       collector_.read_all();
     }
     ASSERT_EQ(TRAN_INIT(), 0);  // and the process ends without a release
-  }));
+  };
+  EXPECT_TRUE(collector_.run(body, kDeadlineOfRounds));
 }
 
 TEST_F(Lifecycle, ContextsAreTakenBackWhileThreadsCall) {

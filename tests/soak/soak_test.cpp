@@ -195,7 +195,7 @@ void expect_no_growth(int usual_rounds, bool started, const std::function<void()
         for (int n = 0; n < many; ++n) round();
         EXPECT_EQ(Footprint(collector), before);
       },
-      is_long_run() ? 3600s : 120s));
+      kDeadlineOfRounds));
 }
 
 void trace_one_service() {

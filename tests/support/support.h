@@ -51,6 +51,7 @@ bool wait_until(const std::function<bool()>& condition, Duration within = kDeadl
 // sanitizer, so many times as often with VARN_SOAK=1, the long run.
 bool is_long_run();
 int rounds(int usual, int times_in_long_run);
+inline const Duration kDeadlineOfRounds = is_long_run() ? Duration(2h) : Duration(2min);
 
 std::string euc_kr(std::string_view utf8);
 
