@@ -83,7 +83,7 @@ TEST_F(Calls, LeaveErrnoAsItWasInEveryState) {
     set_on_import([](std::size_t n) { return imports()[n].kind == Kind::kAllocates ? ENOMEM : 0; });
   };
   const auto go_on_in_child = [] {
-    const pid_t child = fork();
+    const pid_t child = fork_when_others_sleep();
     int status = -1;
     if (child > 0) waitpid(child, &status, 0);
     if (child != 0) std::_Exit(status == 0 ? 0 : 1);

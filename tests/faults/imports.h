@@ -7,18 +7,10 @@
 #include <string_view>
 #include <vector>
 
+#include "support/support.h"
+
 namespace varn::test {
 
-#ifdef VARN_SANITIZED
-inline constexpr bool kIsSanitized = true;
-#else
-inline constexpr bool kIsSanitized = false;
-#endif
-#ifdef __SANITIZE_THREAD__
-inline constexpr bool kIsThreadSanitized = true;
-#else
-inline constexpr bool kIsThreadSanitized = false;
-#endif
 // The thread sanitizer ends a child of a process with threads that starts a thread.
 inline constexpr bool kMayFork = !kIsThreadSanitized;
 

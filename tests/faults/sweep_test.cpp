@@ -93,7 +93,7 @@ void live() {
   for (const int tid : {-1, 7, 7 + 256}) event(tid);  // in a bucket with another
   setenv("TZ", "UTC+12", 1);                          // another day: the files change
   tzset();
-  const pid_t child = kMayFork ? fork() : -1;
+  const pid_t child = kMayFork ? fork_when_others_sleep() : -1;
   if (child == 0) {
     alarm(kMostSeconds);
     make_all(-1);

@@ -21,13 +21,8 @@ namespace varn::test {
 namespace {
 
 constexpr int kThreads = 8;
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr auto kUsualTime = 5s;
-constexpr Duration kSlack = 300ms;
-#else
-constexpr auto kUsualTime = 10s;
-constexpr Duration kSlack = 100ms;
-#endif
+constexpr auto kUsualTime = kIsSanitized ? 5s : 10s;
+constexpr Duration kSlack = kIsSanitized ? 300ms : 100ms;
 constexpr Duration kSemaphoreWait = 2s;
 constexpr Duration kStartOrStop = 6s;  // waits for calls, the semaphore, another start or stop
 Duration attack_time() { return is_long_run() ? Duration(600s) : Duration(kUsualTime); }

@@ -46,11 +46,7 @@ namespace varn::test {
 namespace {
 
 // Steps between one death and the next; instrumented code takes many more.
-#ifdef __SANITIZE_ADDRESS__
-constexpr std::size_t kStride = 997;
-#else
-constexpr std::size_t kStride = 37;
-#endif
+constexpr std::size_t kStride = kIsAddressSanitized ? 997 : 37;
 constexpr int kPlanted = 400;
 
 std::uint32_t chain_of(int pid, int tid) {
@@ -239,9 +235,8 @@ void die_at_every_step(const Making& making, std::size_t stride) {
 }
 
 TEST(Peers, AProcessKilledAtAnyStepOfMakingAnEntryLeavesASoundTable) {
-#ifdef __SANITIZE_THREAD__
-  GTEST_SKIP() << "a step is thousands of the thread sanitizer's own, which sees no other process";
-#endif
+  if (kIsThreadSanitized)
+    GTEST_SKIP() << "a step is thousands of the sanitizer's own, which sees no other process";
   constexpr Making kMakings[] = {{"first_of_chain", false}, {"behind_another", true}};
   for (const Making& making : kMakings) {
     SCOPED_TRACE(making.what);

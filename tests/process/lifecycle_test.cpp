@@ -294,11 +294,8 @@ TEST_F(Lifecycle, SignalHandlersMayCallAtAnyMoment) {
     sigaction(SIGALRM, &action, nullptr);
     const itimerval every_ms = {{0, 1000}, {0, 1000}};
     setitimer(ITIMER_REAL, &every_ms, nullptr);
-#ifdef __SANITIZE_THREAD__
-    constexpr int kInside = 0;  // it puts handlers off until the thread waits for something
-#else
-    constexpr int kInside = 20;
-#endif
+    // The thread sanitizer puts handlers off until the thread waits for something.
+    constexpr int kInside = kIsThreadSanitized ? 0 : 20;
     EXPECT_TRUE(wait_until([] {
       for (int i = 0; i < 200; ++i) {
         errno = 33;

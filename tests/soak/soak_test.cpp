@@ -160,13 +160,12 @@ struct Footprint {
     entries = collector.entries_of(getpid()).size();
     heap = mallinfo2().uordblks;
   }
-  // The heap to within what an ended thread's cache may hold, or not.
-  friend bool operator==(const Footprint& a, const Footprint& b) {
-    const auto exact = [](const Footprint& print) {
-      return std::tie(print.descriptors, print.threads, print.mappings, print.attachments,
-                      print.entries);
-    };
-    return exact(a) == exact(b) && std::max(a.heap, b.heap) - std::min(a.heap, b.heap) < 4096;
+  // The heap but for what an ended thread's cache may hold. A sanitizer maps memory as it likes.
+  friend bool operator<=(const Footprint& now, const Footprint& before) {
+    return now.descriptors <= before.descriptors && now.threads <= before.threads &&
+           (kIsSanitized || now.mappings <= before.mappings) &&
+           now.attachments <= before.attachments && now.entries <= before.entries &&
+           now.heap < before.heap + 4096;
   }
 
   static std::size_t count(const char* directory) {
@@ -193,7 +192,7 @@ void expect_no_growth(int usual_rounds, bool started, const std::function<void()
         Footprint{collector};  // what looking itself takes is there from now on
         const Footprint before(collector);
         for (int n = 0; n < many; ++n) round();
-        EXPECT_EQ(Footprint(collector), before);
+        EXPECT_LE(Footprint(collector), before);
       },
       kDeadlineOfRounds));
 }
@@ -218,7 +217,7 @@ TEST(Soak, ThreadsThatEndLeaveNothingBehind) {
 
 TEST(Soak, ForkedChildrenLeaveNothingBehind) {
   expect_no_growth(1000, true, [] {
-    const pid_t pid = fork();
+    const pid_t pid = fork_when_others_sleep();
     if (pid == 0) {
       if (info(-1) != TRAN_RC_NOT_STARTED || TRAN_INIT() != 0) _exit(1);
       trace_one_service();

@@ -55,9 +55,7 @@ bool wait_until(const std::function<bool()>& condition, Duration within) {
 bool is_long_run() { return std::getenv("VARN_SOAK") != nullptr; }
 
 int rounds(int usual, int times_in_long_run) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  usual /= 10;
-#endif
+  if (kIsSanitized) usual /= 10;
   return is_long_run() ? usual * times_in_long_run : usual;
 }
 
@@ -99,6 +97,18 @@ void write_file(const fs::path& path, std::string_view content) {
   std::ofstream file(path, std::ios::binary | std::ios::trunc);
   file << content;
   if (!file.flush()) fail(path.c_str());
+}
+
+pid_t fork_when_others_sleep() {
+  const auto is_awake = [](const std::filesystem::directory_entry& thread) {
+    return thread.path().filename() != std::to_string(gettid()) &&
+           read_file(thread.path() / "stat").find(") S ") == std::string::npos;
+  };
+  const auto all_sleep = [&] {
+    return std::ranges::none_of(std::filesystem::directory_iterator("/proc/self/task"), is_awake);
+  };
+  if (kIsSanitized) wait_until(all_sleep);
+  return fork();
 }
 
 ChildProcess::ChildProcess(const std::function<void()>& body) {

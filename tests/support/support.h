@@ -41,6 +41,18 @@ namespace varn::test {
 using namespace std::chrono_literals;
 using Duration = std::chrono::steady_clock::duration;
 
+#ifdef __SANITIZE_ADDRESS__
+inline constexpr bool kIsAddressSanitized = true;
+#else
+inline constexpr bool kIsAddressSanitized = false;
+#endif
+#ifdef __SANITIZE_THREAD__
+inline constexpr bool kIsThreadSanitized = true;
+#else
+inline constexpr bool kIsThreadSanitized = false;
+#endif
+inline constexpr bool kIsSanitized = kIsAddressSanitized || kIsThreadSanitized;
+
 // Sanitizers slow everything down; a deadline only bounds how long a failure takes.
 inline constexpr Duration kDeadline = 20s;
 
@@ -87,6 +99,10 @@ class Shared {
  private:
   T* const value_;
 };
+
+// A fork beside threads that do nothing for long. The sanitizers' allocator knows nothing of forks:
+// a lock of it that another thread holds just then is held in the child for ever.
+pid_t fork_when_others_sleep();
 
 // A child that runs `body` and exits. Failed checks in it are printed there and fail whoever checks
 // the result of wait(). Not to be made in a process that has threads.
