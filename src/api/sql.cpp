@@ -10,6 +10,7 @@
 #include "hash/hash.h"
 #include "util/clock.h"
 #include "util/message.h"
+#include "util/shared_word.h"
 
 namespace varn {
 namespace {
@@ -143,7 +144,7 @@ int TRAN_SET_SQLCA_INFO(int tid, std::int64_t sqlcode, const char* message, std:
 
 int TRAN_SET_DBCONN_INFO(int, const char* user, const char* instance) {
   const auto keep = [](char(&place)[11], const char* name) {
-    if (name != nullptr) put_zero_ended(place, {name, strnlen(name, sizeof place - 1)});
+    if (name != nullptr) store_text(place, {name, strnlen(name, sizeof place - 1)});
   };
   keep(init_db_user, user);
   keep(init_db_sid, instance);

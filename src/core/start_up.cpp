@@ -21,6 +21,7 @@
 #include "util/msgq.h"
 #include "util/readcfg.h"
 #include "util/sem.h"
+#include "util/shared_word.h"
 #include "util/text.h"
 
 namespace varn {
@@ -330,7 +331,7 @@ void set_proc_nm(char* proc_nm, char* cont_nm, std::int32_t pid) {
   if (file == nullptr) return;
   char name[31];
   if (std::fscanf(file, "%*d (%30[^)])", name) == 1) std::strcpy(proc_nm, name);
-  std::snprintf(cont_nm, sizeof init_cont_nm, "%s", init_cont_nm);
+  load_text(cont_nm, init_cont_nm);
   std::fclose(file);
 }
 

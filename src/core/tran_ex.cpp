@@ -21,6 +21,7 @@
 #include "util/fence.h"
 #include "util/log_printf.h"
 #include "util/message.h"
+#include "util/shared_word.h"
 
 namespace varn {
 namespace {
@@ -42,8 +43,8 @@ class [[nodiscard]] MainGuard {
 void clear_gvar() {
   constexpr std::size_t kContextsAt = offsetof(Gvar, mtr_cxt_var);
   std::memset(reinterpret_cast<char*>(&gvar) + kZeroedFrom, 0, kContextsAt - kZeroedFrom);
-  std::memcpy(gvar.db_user, init_db_user, sizeof gvar.db_user - 1);
-  std::memcpy(gvar.db_sid, init_db_sid, sizeof gvar.db_sid - 1);
+  load_text(gvar.db_user, init_db_user);
+  load_text(gvar.db_sid, init_db_sid);
 }
 
 template <typename Segment>

@@ -17,6 +17,7 @@
 #include "tong/tong.h"
 #include "util/log_printf.h"
 #include "util/message.h"
+#include "util/shared_word.h"
 
 namespace varn {
 namespace {
@@ -287,7 +288,7 @@ VARN_NATIVE(jint, Init)(JNIEnv* env, jclass, jstring container_name) {
   {
     const JavaText name(env, container_name);
     // Its bytes, however many UTF-16 units they were.
-    if (name.text().given()) put_zero_ended(init_cont_nm, Text(name.text().ptr, -1).clipped(30));
+    if (name.text().given()) store_text(init_cont_nm, Text(name.text().ptr, -1).clipped(30));
   }
   jni_init_flag = 1;
   const int rc = TRAN_INIT();

@@ -1,6 +1,9 @@
 // Words that another thread or process may change at any time: read once, checked, then used.
 #pragma once
 
+#include <cstddef>
+#include <string_view>
+
 namespace varn {
 
 template <typename T>
@@ -25,6 +28,18 @@ void store_release(T& word, T value) {
 template <typename T>
 T add(T& word, T n) {
   return __atomic_add_fetch(&word, n, __ATOMIC_RELAXED);
+}
+
+// A zero-ended text, cut to its place. Of two that are stored at once, a mixture may be loaded,
+// ended by a zero all the same.
+template <std::size_t kSize>
+void store_text(char (&place)[kSize], std::string_view text) {
+  for (std::size_t n = 0; n + 1 < kSize; ++n) store(place[n], n < text.size() ? text[n] : '\0');
+}
+template <std::size_t kSize>
+void load_text(char* to, const char (&place)[kSize]) {
+  for (std::size_t n = 0; n + 1 < kSize; ++n) to[n] = load(place[n]);
+  to[kSize - 1] = '\0';
 }
 
 }  // namespace varn
