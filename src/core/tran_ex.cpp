@@ -27,7 +27,7 @@ namespace varn {
 namespace {
 
 constexpr int kDrainPauseMs = 10;
-constexpr int kDrainWaitMs = 1000;
+constexpr int kDrainWaitMs = 3000;  // longer than a call may wait for the table's semaphore
 
 pthread_mutex_t main_lock = PTHREAD_MUTEX_INITIALIZER;
 

@@ -21,8 +21,8 @@ constexpr std::size_t kMostPrefix = 64;
 
 struct LogState {
   AppendFile file;
-  std::atomic<int> cur_day{-1};        // day of the year of the open file
-  std::atomic<bool> switching{false};  // one thread at a time switches the file
+  std::atomic<int> cur_day{-1};         // day of the year of the open file
+  std::atomic<unsigned> switch_num{0};  // odd while a thread, one at a time, switches the file
   char log_dir[256] = {};
   char log_title[256] = {};
 };
@@ -50,9 +50,12 @@ void get_cur_time(char (&time_str)[32]) {
 
 // While another thread switches the file, the number stands for the old or the new one.
 bool may_write(int fd) {
-  const AppendFile& file = log_state.file;
-  return is_still_ours(file, fd) || (fd >= 0 && log_state.switching.load()) ||
-         is_still_ours(file, fd);
+  if (fd < 0) return false;
+  for (;;) {
+    const unsigned switch_num = log_state.switch_num.load();
+    if (switch_num % 2 != 0 || is_still_ours(log_state.file, fd)) return true;
+    if (log_state.switch_num.load() == switch_num) return false;
+  }
 }
 
 int open_days_file(unsigned mask) {
@@ -105,14 +108,17 @@ void close_log() { close_file(log_state.file); }
 void forget_log() {
   close_log();
   log_state.log_dir[0] = '\0';
-  log_state.switching.store(false);
+  log_state.switch_num.store(0);
 }
 
 void check_day() {
   if (log_state.log_dir[0] == '\0' || local_time().tm_yday == log_state.cur_day.load()) return;
-  if (log_state.switching.exchange(true)) return;
+  unsigned switch_num = log_state.switch_num.load();
+  if (switch_num % 2 != 0 ||
+      !log_state.switch_num.compare_exchange_strong(switch_num, switch_num + 1))
+    return;
   if (local_time().tm_yday != log_state.cur_day.load()) switch_file();
-  log_state.switching.store(false);
+  log_state.switch_num.store(switch_num + 2);
 }
 
 int log_printf(const char* format, ...) {
