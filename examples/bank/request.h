@@ -22,9 +22,6 @@ struct Request {
   std::int64_t amount;  // won
 };
 
-// Date (8), time to the millisecond (9), system (3), host (4) and a sequence number (6).
-std::string new_gid();
-
 // Bounded, so that a slow database holds the channels up instead of filling memory.
 class RequestQueue {
  public:

@@ -3,6 +3,7 @@
 #include <string>
 #include <string_view>
 
+#include "examples/common/gid.h"
 #include "trace.h"
 
 namespace bank {
@@ -135,7 +136,7 @@ Outcome book(Database& db, const Request& request) {
 // NOTI0001: tells the customer's telephone. A transaction of its own, with its own GID, since
 // messages are sent and charged apart from what caused them. When it fails, the transfer stands.
 void notify(Database& db, const Request& request) {
-  const std::string gid = new_gid();
+  const std::string gid = example::new_gid("BNK");
   varn::Texts texts = texts_of(request, kNotification);
   texts.gid = gid;
   texts.recv_svc_cd = kNotification;

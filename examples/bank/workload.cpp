@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <string>
 
+#include "examples/common/gid.h"
+
 namespace bank {
 namespace {
 
@@ -55,7 +57,7 @@ Request Workload::next() {
   while (to == &from) to = &accounts_[below(accounts_.size())];
   const Channel& channel = kChannels[below(kChannels.size())];
   const auto step = static_cast<std::int64_t>(from.balance >= 100'000'000 ? 500'000 : 10'000);
-  return {.gid = new_gid(),
+  return {.gid = example::new_gid("BNK"),
           .channel = channel.code,
           .screen = channel.screen,
           .employee = channel.has_employee ? text_of("20%05u", unsigned(below(400))) : "",

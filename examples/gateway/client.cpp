@@ -13,8 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "examples/common/gid.h"
 #include "frame.h"
-#include "gid.h"
 #include "requests.h"
 
 namespace gateway {
@@ -88,7 +88,7 @@ void send_requests(Connection& connection, int first, int requests, Counts& coun
   const auto& kinds = request_kinds();
   for (int i = first; i < requests; i += kConnections) {
     const RequestKind& kind = kinds[static_cast<std::size_t>(i) % kinds.size()];
-    const Telegram request = request_of(kind, new_gid("CHN"));
+    const Telegram request = request_of(kind, example::new_gid("CHN"));
     connection.send(request.bytes());
     const auto answer = connection.receive();
     const std::string fault = answer ? fault_in(*answer, kind, request) : "no answer";

@@ -1,8 +1,8 @@
 #include "requests.h"
 
 #include "business.h"
+#include "examples/common/gid.h"
 #include "frame.h"
-#include "gid.h"
 
 namespace gateway {
 namespace {
@@ -122,7 +122,7 @@ std::string fault_in(const Telegram& answer, const RequestKind& kind, const Tele
 }
 
 std::vector<BrokenTelegram> broken_telegrams() {
-  const std::string whole = request_of(request_kinds()[0], new_gid("BRK")).bytes();
+  const std::string whole = request_of(request_kinds()[0], example::new_gid("BRK")).bytes();
   const std::string behind_length = whole.substr(kLengthSize);
   return {{"length is no number", "ABCDEFGH" + behind_length},
           {"length of less than itself", "00000007" + behind_length},
@@ -132,7 +132,7 @@ std::vector<BrokenTelegram> broken_telegrams() {
 }
 
 Telegram short_telegram() {
-  Telegram telegram = request_of(request_kinds()[0], new_gid("BRK"));
+  Telegram telegram = request_of(request_kinds()[0], example::new_gid("BRK"));
   telegram.resize(kShortSize);
   telegram.finish();
   return telegram;

@@ -1,6 +1,6 @@
 #include "trace.h"
 
-#include "gid.h"
+#include "examples/common/gid.h"
 #include "varn/tran.hpp"
 
 namespace gateway {
@@ -15,7 +15,7 @@ constexpr std::string_view kBrokenTelegram = "2101";
 std::string gid_for(const Telegram& request) {
   const std::string_view channel = request.get(_CHNL_TYP_CD);
   const bool is_linked = channel == "ICT" || channel == "ICC";
-  std::string gid = is_linked ? new_gid("GWY") : std::string(request.get(_GLBL_ID));
+  std::string gid = is_linked ? example::new_gid("GWY") : std::string(request.get(_GLBL_ID));
   gid.resize(kGidSize, ' ');
   return gid;
 }

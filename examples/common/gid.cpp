@@ -1,11 +1,11 @@
-#include "gid.h"
+#include "examples/common/gid.h"
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
 
-namespace gateway {
+namespace example {
 
 std::string new_gid(const char* system) {
   static std::atomic<unsigned> sequence{0};
@@ -23,4 +23,4 @@ std::string new_gid(const char* system) {
   return gid;
 }
 
-}  // namespace gateway
+}  // namespace example

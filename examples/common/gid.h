@@ -3,9 +3,9 @@
 
 #include <string>
 
-namespace gateway {
+namespace example {
 
 // Date (8), time to the millisecond (9), system (3), host (4) and a sequence number (6).
 std::string new_gid(const char* system);
 
-}  // namespace gateway
+}  // namespace example
