@@ -12,8 +12,8 @@
 #include <fstream>
 #include <thread>
 
+#include "collector/entries.h"
 #include "faults/imports.h"
-#include "hash/get_ptrc_hash.h"
 #include "process/calls.h"
 
 namespace varn::test {
@@ -191,9 +191,7 @@ class FaultyHost {
         << (c.import == kNoImport ? "none" : imports()[c.import].name) << " failed with " << c.error
         << ")";
     collector_.que_info().magic_code = kMagicReady;
-    // Nobody gives back what the dead have left.
-    PTRC_HASH_TBL& table = collector_.ptrc_tbl();
-    if (table.used_stack.count > kTableEntries / 10 * 9) init_ptrc_hash_tbl(table);
+    take_entries_back(collector_.ptrc_tbl(), collector_.ptrc_semid());
   }
   int calls_of(std::size_t import) const { return fault_->calls[import]; }
 

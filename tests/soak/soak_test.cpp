@@ -9,9 +9,10 @@
 #include <atomic>
 #include <bitset>
 #include <cstdlib>
+#include <sstream>
 #include <thread>
-#include <tuple>
 
+#include "collector/entries.h"
 #include "process/calls.h"
 #include "records/calls.h"
 
@@ -152,8 +153,7 @@ struct Footprint {
   std::size_t heap;
 
   explicit Footprint(FakeCollector& collector) {
-    const std::string maps = read_file("/proc/self/maps");
-    mappings = static_cast<std::size_t>(std::count(maps.begin(), maps.end(), '\n'));
+    mappings = count_mappings();
     shmid_ds segment = {};
     shmctl(collector.object(kPtrcHashTblShmKey).id(), IPC_STAT, &segment);
     attachments = segment.shm_nattch;
@@ -168,6 +168,13 @@ struct Footprint {
            now.heap < before.heap + 4096;
   }
 
+  // But for the heap, which is looked at apart: behind a fork it grows in a mapping of its own.
+  static std::size_t count_mappings() {
+    std::istringstream maps(read_file("/proc/self/maps"));
+    std::size_t mappings = 0;
+    for (std::string line; std::getline(maps, line);) mappings += line.ends_with("[heap]") ? 0 : 1;
+    return mappings;
+  }
   static std::size_t count(const char* directory) {
     return static_cast<std::size_t>(
         std::distance(fs::directory_iterator(directory), fs::directory_iterator()));
@@ -188,10 +195,16 @@ void expect_no_growth(int usual_rounds, bool started, const std::function<void()
   EXPECT_TRUE(collector.run(
       [&] {
         ASSERT_TRUE(!started || TRAN_INIT() == 0);
-        for (int n = 0; n < many / 10; ++n) round();
+        const auto repeat = [&](int times) {
+          for (int n = 0; n < times; ++n) {
+            round();
+            if (n % 1000 == 0) take_entries_back(collector.ptrc_tbl(), collector.ptrc_semid());
+          }
+        };
+        repeat(many / 10);
         Footprint{collector};  // what looking itself takes is there from now on
         const Footprint before(collector);
-        for (int n = 0; n < many; ++n) round();
+        repeat(many);
         EXPECT_LE(Footprint(collector), before);
       },
       kDeadlineOfRounds));

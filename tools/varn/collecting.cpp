@@ -5,9 +5,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstring>
+#include <mutex>
+#include <stop_token>
 
+#include "collector/entries.h"
 #include "tools/varn/json_line.h"
 #include "tools/varn/summary.h"
 #include "tools/varn/tree_text.h"
@@ -60,15 +65,28 @@ Collecting::Collecting(const SharedObjects& objects, const OutputOptions& option
       out_(open_output(options.path)),
       trees_([this](const TraceTree& tree) { pending_ += tree_text(tree); }),
       drain_(objects.msgq_ids, [this](std::span<const RawRecord> records) { show(records); },
-             {.on_reader_lost = [this](const std::string& reason, int readers_left) {
-               std::fprintf(stderr, "varn: %s\n", reason.c_str());
-               if (readers_left == 0) end_early();
-             }}) {}
+             {.on_reader_lost =
+                  [this](const std::string& reason, int readers_left) {
+                    std::fprintf(stderr, "varn: %s\n", reason.c_str());
+                    if (readers_left == 0) end_early();
+                  }}),
+      housekeeper_([this](const std::stop_token& stopped) { keep_house(stopped); }) {}
 
 Collecting::~Collecting() {
   drain_.stop();
   if (out_ != stdout) std::fclose(out_);
   close(ended_fd_);
+}
+
+void Collecting::keep_house(const std::stop_token& stopped) {
+  constexpr std::chrono::seconds kPause(1);
+  std::mutex lock;
+  std::condition_variable_any never;
+  std::unique_lock guard(lock);
+  do {
+    take_entries_back(*objects_.ptrc_hash_tbl, objects_.ptrc_hash_semid);
+    never.wait_for(guard, stopped, kPause, [] { return false; });
+  } while (!stopped.stop_requested());
 }
 
 void Collecting::end_early() {

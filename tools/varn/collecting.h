@@ -1,4 +1,5 @@
-// A collection under way: drains the queues, shows each record and counts it.
+// A collection under way: drains the queues, shows each record and counts it, and takes back what
+// ended threads have left in the tables.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -7,7 +8,9 @@
 #include <cstdio>
 #include <initializer_list>
 #include <span>
+#include <stop_token>
 #include <string>
+#include <thread>
 
 #include "collector/decode.h"
 #include "collector/drain.h"
@@ -72,6 +75,7 @@ class Collecting {
   void show(const RawRecord& raw);
   void write_out();
   void end_early();
+  void keep_house(const std::stop_token& stopped);
 
   const SharedObjects& objects_;
   const std::string format_;
@@ -89,7 +93,9 @@ class Collecting {
   TraceTrees trees_;
   Stats stats_;
 
-  Drain drain_;  // last: its threads use all of the above
+  // Last: their threads use all of the above.
+  Drain drain_;
+  std::jthread housekeeper_;
 };
 
 }  // namespace varn
