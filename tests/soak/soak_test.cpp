@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 
 #include <atomic>
-#include <bitset>
 #include <cstdlib>
 #include <sstream>
 #include <thread>
