@@ -172,13 +172,16 @@ void announce_telegram_gid(Call& call, const Arguments& args, const Telegram& te
   Message<kInfoBody.back().width> exists;
   exists << "Linked " << (is_linked ? std::string_view("C/C ") : std::string_view())
          << "Main Service Transaction Exist [ GID '" << printable(host_gid, kComparedGid) << "' ]";
-  send_info(call, args.tid, telegram.gid(), svc_id, exists.text());
+  const Text telegram_gid = telegram.gid();
+  send_info(call, args.tid, telegram_gid.given() ? telegram_gid : Text{"", 0}, svc_id,
+            exists.text());
 }
 
 void announce_changed_gid(Call& call, const Arguments& args, const Telegram& telegram,
                           const TelegramTexts& texts) {
-  const bool counts = telegram.is_standard() ? args.gid.given() : args.gid.size(kGid.width) > 0;
-  if (counts && !is_same_gid(args.gid, telegram.gid()))
+  const Text host_gid = up_to_its_end(args.gid, kGid.width);
+  const bool counts = telegram.is_standard() ? args.gid.given() : host_gid.len > 0;
+  if (counts && !is_same_gid(host_gid, telegram.gid()))
     announce_telegram_gid(call, args, telegram, texts.is_linked());
 }
 

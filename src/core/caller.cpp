@@ -1,5 +1,6 @@
 #include "core/caller.h"
 
+#include <pthread.h>
 #include <sched.h>
 #include <signal.h>
 #include <unistd.h>
@@ -45,6 +46,22 @@ bool take_over(Caller& caller, std::int32_t kernel_tid) {
   return true;
 }
 
+// Only the forking thread lives on in the child, under another number. A fork from a signal handler
+// inside a call returns into that call, whose record stays.
+void after_fork_in_child() {
+  if (my_caller != nullptr && my_caller->state.load(std::memory_order_relaxed) != kOutside)
+    my_caller->kernel_tid.store(gettid(), std::memory_order_relaxed);
+  else
+    forget_callers();
+}
+
+// Whoever has a record may fork, also long before the agent is started.
+void prepare_forks() {
+  static std::atomic<bool> prepared{false};
+  if (prepared.exchange(true)) return;
+  if (pthread_atfork(nullptr, nullptr, after_fork_in_child) != 0) prepared.store(false);
+}
+
 }  // namespace
 
 constinit thread_local Caller* my_caller = nullptr;
@@ -67,6 +84,7 @@ Caller* claim_caller() {
   }
   if (claimed == nullptr) full_in.store(second, std::memory_order_relaxed);
   my_caller = claimed;
+  prepare_forks();
   errno = saved_errno;
   return claimed;
 }

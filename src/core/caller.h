@@ -54,7 +54,8 @@ inline bool is_inside_hook(const Caller& caller) {
 // call, if any.
 bool wait_for_hooks(const Caller* self, int milliseconds);
 
-// After a fork, in the child: its only thread is not one of the parent's.
+// None is anybody's. A forked child does this by itself, but for the record of a thread that forked
+// inside a call.
 void forget_callers();
 
 }  // namespace varn

@@ -39,6 +39,7 @@ std::atomic<std::int64_t> table_lock_resume;  // second before which the lock is
 std::atomic<bool> table_lock_order;
 std::atomic<std::uint64_t> last_claim_no;
 bool buckets_ready;  // their mutexes are initialised; under main_lock
+unsigned forks;      // between the process that first started the agent and this one
 
 // Lock order: a bucket's mutex (this process), then the table's semaphore (all processes). Mutex
 // first keeps at most one thread a bucket queued in the kernel.
@@ -110,8 +111,10 @@ bool withdraw(MTR_CXT_VAR& var, const Caller* self) {
 }
 
 void set_entry_cleared(const MTR_CXT_VAR& var) {
-  if (var.ptrc != nullptr)
-    store_release(var.ptrc->ent_status, static_cast<std::uint8_t>(kEntCleared));
+  if (var.ptrc == nullptr || load(var.ptrc->ent_pid) != var.pid ||
+      load(var.ptrc->ent_tid) != var.tid)
+    return;  // by now another's
+  store_release(var.ptrc->ent_status, static_cast<std::uint8_t>(kEntCleared));
 }
 
 void prepare_buffer(TRAN_LOGF_QUE_DATA& record, const MTR_CXT_VAR& var) {
@@ -250,7 +253,7 @@ void release_context(MtrTidIdx& bucket, int place) {
 
 // No handler of the host's runs inside, since it might leave by a jump. While the lock is waited
 // for they run all the same.
-TableLock::TableLock() : entered_(false) {
+TableLock::TableLock() : entered_(false), forks_(forks) {
   if (monotonic_seconds() < table_lock_resume.load(std::memory_order_relaxed)) return;
   sigset_t all;
   sigfillset(&all);
@@ -274,6 +277,10 @@ TableLock::TableLock() : entered_(false) {
 
 TableLock::~TableLock() {
   if (!entered_) return;
+  if (forks_ != forks) {  // in a forked child, whose parent holds it
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    return;
+  }
   table_lock_order.store(true, std::memory_order_release);
   sem_unlock(gvar.ptrc_hash_semid, 0, SEM_UNDO);
   pthread_sigmask(SIG_SETMASK, &before_, nullptr);
@@ -406,7 +413,10 @@ bool init_contexts() {
   return true;
 }
 
-void forget_contexts() { buckets_ready = false; }
+void forget_contexts() {
+  buckets_ready = false;
+  ++forks;
+}
 
 bool has_contexts() { return buckets_ready; }
 

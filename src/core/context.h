@@ -91,6 +91,7 @@ class [[nodiscard]] TableLock {
 
  private:
   bool entered_;
+  unsigned forks_;
   sigset_t before_;
 };
 

@@ -337,7 +337,7 @@ void set_proc_nm(char* proc_nm, char* cont_nm, std::int32_t pid) {
 
 int tran_init() {
   if (is_started()) {
-    log_printf("<!> already TRAN_INIT API initialized.");
+    VARN_LOG_LIMITED("<!> already TRAN_INIT API initialized.");
     return TRAN_RC_ALREADY_STARTED;
   }
   gvar.pid = getpid();

@@ -19,6 +19,7 @@
 #include "util/console.h"
 #include "util/errno_guard.h"
 #include "util/fence.h"
+#include "util/local_time.h"
 #include "util/log_printf.h"
 #include "util/message.h"
 #include "util/shared_word.h"
@@ -58,8 +59,6 @@ int detach_segment(Segment** segment) {
 // Only the forking thread lives on in the child, and any lock may be held by nobody. The child
 // starts as not initialised, with nothing attached, and leaves the parent's entries alone.
 void after_fork_in_child() {
-  const bool inside_a_call =
-      my_caller != nullptr && my_caller->state.load(std::memory_order_relaxed) != kOutside;
   store_release(gvar.init_mark, kNeverStarted);
   gvar_cleared = 0;
   pthread_mutex_init(&main_lock, nullptr);
@@ -67,12 +66,7 @@ void after_fork_in_child() {
   forget_log();
   forget_th_job();
   forget_tong();
-  if (inside_a_call) {
-    // A fork from a signal handler inside a call returns into that call: what it works on stays.
-    my_caller->kernel_tid.store(gettid(), std::memory_order_relaxed);
-    return;
-  }
-  forget_callers();
+  if (my_caller != nullptr) return;  // it forked inside a call: what that works on stays
   detach_segment(&gvar.que_info);
   detach_segment(&gvar.svc_hash_tbl);
   detach_segment(&gvar.ptrc_hash_tbl);
@@ -82,9 +76,8 @@ void after_fork_in_child() {
 void prepare_process() {
   static bool prepared = false;
   if (prepared) return;
-  prepared = true;
   prepare_heavy_fence();
-  pthread_atfork(nullptr, nullptr, after_fork_in_child);
+  prepared = prepare_local_time() && pthread_atfork(nullptr, nullptr, after_fork_in_child) == 0;
 }
 
 const char* environment_or(const char* name, const char* other) {

@@ -172,13 +172,14 @@ void send_errinfo(jlong tid, const SttlParam& param, const ServiceTexts& given) 
 void save_tong_log4j(JNIEnv* env, jlong tid, jbyteArray telegram, int kind) {
   const Announced announced(kInCall);
   if (announced.code() != 0 || telegram == nullptr || !is_tong_logged()) return;
+  const auto size = static_cast<std::size_t>(env->GetArrayLength(telegram));
+  if (is_telegram_too_long(tid, size)) return;
   jbyte* const bytes = env->GetByteArrayElements(telegram, nullptr);
   if (bytes == nullptr) {
     clear_exception(env);
     return;
   }
-  queue_telegram(thread_number(tid), reinterpret_cast<const char*>(bytes),
-                 static_cast<std::size_t>(env->GetArrayLength(telegram)), kind);
+  queue_telegram(tid, "put_deffered", reinterpret_cast<const char*>(bytes), size, kind);
   env->ReleaseByteArrayElements(telegram, bytes, JNI_ABORT);
 }
 

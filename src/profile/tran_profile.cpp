@@ -105,9 +105,8 @@ class [[nodiscard]] ListGuard {
     if (pthread_mutex_lock(&list_lock) != 0) return;
     locked_ = true;
     if (!prepared_) {
-      prepared_ = true;
       prepare_heavy_fence();
-      pthread_atfork(nullptr, nullptr, after_fork_in_child);
+      prepared_ = pthread_atfork(nullptr, nullptr, after_fork_in_child) == 0;
     }
   }
   ~ListGuard() {

@@ -1,6 +1,5 @@
 #include "tong/th_job.h"
 
-#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -114,10 +113,8 @@ void report_write_error(int fd, long result) {
   const std::int64_t second = time(nullptr);
   if (console_is_off() || second == writer.error_second) return;
   writer.error_second = second;
-  pollfd console = {STDERR_FILENO, POLLOUT, 0};
-  if (poll(&console, 1, 0) == 1 && (console.revents & POLLOUT) != 0)
-    console_printf(STDERR_FILENO, "[Quorlen] TONG_LOG fwrite error %ld [fd:%d, %s]\n", result, fd,
-                   writer.path);
+  console_printf(STDERR_FILENO, "[Quorlen] TONG_LOG fwrite error %ld [fd:%d, %s]\n", result, fd,
+                 writer.path);
 }
 
 // Takes the beginning of a record that did not fit away again, if nothing came behind it.

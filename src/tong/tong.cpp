@@ -24,8 +24,6 @@
 namespace varn {
 namespace {
 
-constexpr std::size_t kMostShown = 300;  // bytes of a telegram in a message
-
 static_assert(sizeof(TongItem) == kQuePayload);
 
 struct Tong {
@@ -87,7 +85,7 @@ bool put_record(const TongItem& item) {
   return tong.is_open && put_deffered_que(&item, sizeof item, kTongItem) == 1;
 }
 
-[[gnu::cold, gnu::noinline]] void count_dropped(int tid) {
+[[gnu::cold, gnu::noinline]] void count_dropped(std::int64_t tid, const char* call) {
   std::int32_t count = 0;
   {
     const TongGuard guard;
@@ -95,12 +93,12 @@ bool put_record(const TongItem& item) {
     tong.dropped.fetch_add(1, std::memory_order_relaxed);
   }
   if (count == 1 || count % 100 == 0)
-    VARN_LOG_LIMITED("<!> put_deffered_que fail.(cnt %d) [tid:%ld].", count, long{tid});
+    VARN_LOG_LIMITED("<!> %s fail.(cnt %d) [tid:%ld].", call, count, tid);
 }
 
 [[gnu::cold, gnu::noinline]] void log_short(const char* telegram, std::size_t n, int kind) {
   const ErrnoGuard errno_kept;
-  const std::string_view text = printable({telegram, static_cast<std::int32_t>(n)}, kMostShown);
+  const std::string_view text = printable({telegram, static_cast<std::int32_t>(n)}, kLeastTelegram);
   const auto size = static_cast<int>(text.size());
   const bool is_named = kind >= kStartApi && kind <= kWebEndApi;
   VARN_LOG_LIMITED(
@@ -171,17 +169,20 @@ bool is_tong_logged() {
   return info != nullptr && load(info->tong_log_flag) == '1';
 }
 
-void queue_telegram(int tid, const char* telegram, std::size_t n, int kind) {
+bool is_telegram_too_long(std::int64_t tid, std::size_t n) {
+  if (n <= kMostTongTelegram) return false;
+  tong.dropped.fetch_add(1, std::memory_order_relaxed);
+  VARN_LOG_LIMITED("<!> a telegram of over %zu bytes is not logged [tid:%ld].", kMostTongTelegram,
+                   tid);
+  return true;
+}
+
+void queue_telegram(std::int64_t tid, const char* call, const char* telegram, std::size_t n,
+                    int kind) {
   const CancelGuard not_cancelled;
   const ErrnoGuard errno_kept;
-  if (n > kMostTongTelegram) {
-    tong.dropped.fetch_add(1, std::memory_order_relaxed);
-    VARN_LOG_LIMITED("<!> a telegram of over %zu bytes is not logged [tid:%ld].", kMostTongTelegram,
-                     long{tid});
-    return;
-  }
   const auto size = static_cast<std::int64_t>(tong_record_size(n));
-  if (!reserve(size)) return count_dropped(tid);
+  if (!reserve(size)) return count_dropped(tid, call);
   const TongItem item = {size, static_cast<char*>(std::malloc(tong_record_size(n)))};
   if (item.record != nullptr) {
     build_record(item.record, telegram, n, kind);
@@ -189,7 +190,7 @@ void queue_telegram(int tid, const char* telegram, std::size_t n, int kind) {
   }
   std::free(item.record);
   tong.queued_bytes.fetch_sub(size, std::memory_order_relaxed);
-  count_dropped(tid);
+  count_dropped(tid, call);
 }
 
 int save_tong_log4c(int tid, const char* telegram, int len, int kind) {
@@ -200,7 +201,7 @@ int save_tong_log4c(int tid, const char* telegram, int len, int kind) {
     log_short(telegram, n, kind);
     return TRAN_RC_SHORT_TELEGRAM;
   }
-  queue_telegram(tid, telegram, n, kind);
+  if (!is_telegram_too_long(tid, n)) queue_telegram(tid, "put_deffered_que", telegram, n, kind);
   return 0;
 }
 

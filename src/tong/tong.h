@@ -58,8 +58,13 @@ bool is_tong_logged();
 // 0, or TRAN_RC_SHORT_TELEGRAM. What cannot be queued is dropped and counted. `kind`: ApiType.
 int save_tong_log4c(int tid, const char* telegram, int len, int kind);
 
-// Queues a telegram of any length.
-void queue_telegram(int tid, const char* telegram, std::size_t n, int kind);
+// Whether a telegram exceeds what the log's records can say; counted and told then.
+bool is_telegram_too_long(std::int64_t tid, std::size_t n);
+
+// Queues a telegram of any length that is not too long. Thread and `call` are for the message when
+// there is no room.
+void queue_telegram(std::int64_t tid, const char* call, const char* telegram, std::size_t n,
+                    int kind);
 
 // 'S' for the API types that start a service, 'F' for those that end one, 'U' for others.
 char get_sf_flag(int kind);

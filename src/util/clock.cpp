@@ -8,7 +8,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "util/errno_guard.h"
+#include "util/local_time.h"
 #include "util/text.h"
 
 namespace varn {
@@ -95,6 +95,8 @@ void measure_ticks() {
   if (nsec < kMeasuredNs || !now.is_sharp) return;
   if (!is_measuring.exchange(false)) return;
   const double nsec_of_tick = static_cast<double>(nsec) / static_cast<double>(ticks);
+  // No counter is so slow or so fast: it was set meanwhile, and the system's clock goes on serving.
+  if (nsec_of_tick < 0.05 || nsec_of_tick > 5) return;
   // A little slow, so that time does not step back where a new reading takes over.
   constexpr double kSlow = 1.0 - 1.0 / 1024;
   tick_clock.nsec_32.store(static_cast<std::uint64_t>(nsec_of_tick * kSlow * 0x1p32));
@@ -104,11 +106,7 @@ void measure_ticks() {
 // ---- Local time ----
 
 [[gnu::cold, gnu::noinline]] void refresh_offset(StampCache& cache, std::int64_t sec) {
-  const ErrnoGuard errno_kept;
-  const time_t t = sec;
-  struct tm local = {};
-  localtime_r(&t, &local);
-  cache.utc_offset = local.tm_gmtoff;
+  cache.utc_offset = local_time(sec).tm_gmtoff;
   cache.offset_from = sec - sec % kOffsetSpan;
   cache.offset_until = cache.offset_from + kOffsetSpan;
 }

@@ -1,7 +1,10 @@
 #include "util/console.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -20,9 +23,13 @@ void read_console_setting() {
                         std::memory_order_relaxed);
 }
 
+// A reader that has stopped reading does not stop the host: what finds no room is dropped.
 void console_write(int fd, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = write_quietly(fd, text.data(), text.size());
+  pollfd console = {fd, POLLOUT, 0};
+  while (!text.empty() && poll(&console, 1, 0) == 1) {
+    // As much as a pipe that has room takes at once.
+    const std::size_t size = std::min<std::size_t>(text.size(), PIPE_BUF);
+    const ssize_t written = write_quietly(fd, text.data(), size);
     if (written < 0 && errno == EINTR) continue;
     if (written <= 0) return;
     text.remove_prefix(static_cast<std::size_t>(written));

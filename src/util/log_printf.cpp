@@ -11,6 +11,7 @@
 #include "util/append_file.h"
 #include "util/cancel_guard.h"
 #include "util/errno_guard.h"
+#include "util/local_time.h"
 #include "util/quiet_write.h"
 
 namespace varn {
@@ -21,30 +22,28 @@ constexpr std::size_t kMostPrefix = 64;
 
 struct LogState {
   AppendFile file;
-  std::atomic<int> cur_day{-1};         // day of the year of the open file
-  std::atomic<unsigned> switch_num{0};  // odd while a thread, one at a time, switches the file
+  std::atomic<int> cur_day{-1};           // day of the year of the open file
+  std::atomic<unsigned> switch_num{0};    // odd while a thread, one at a time, switches the file
+  std::atomic<std::int64_t> reopened{0};  // second in which a lost file was last opened again
   char log_dir[256] = {};
   char log_title[256] = {};
 };
 LogState log_state;
 
-struct tm local_time() {
-  const time_t now = time(nullptr);
-  struct tm local = {};
-  localtime_r(&now, &local);
-  return local;
+struct tm local_now() {
+  return local_time(time(nullptr));
 }
 
 // "2018-05-18", of the file's name. Sets the day that the open file is for.
 void get_cur_date(char (&date_str)[32]) {
-  const struct tm local = local_time();
+  const struct tm local = local_now();
   if (std::strftime(date_str, sizeof date_str, "%Y-%m-%d", &local) == 0) date_str[0] = '\0';
   log_state.cur_day.store(local.tm_yday);
 }
 
 // "05-18 10:20:30  ", of a line.
 void get_cur_time(char (&time_str)[32]) {
-  const struct tm local = local_time();
+  const struct tm local = local_now();
   if (std::strftime(time_str, sizeof time_str, "%m-%d %T  ", &local) == 0) time_str[0] = '\0';
 }
 
@@ -91,6 +90,29 @@ void switch_file() {
   }
 }
 
+bool is_another_day() { return local_now().tm_yday != log_state.cur_day.load(); }
+
+bool is_lost() {
+  const int fd = log_state.file.fd.load();
+  return fd >= 0 && !is_still_ours(log_state.file, fd);
+}
+
+// By one thread; others find it done, or go on with the file as it is.
+void switch_file_if(bool (*is_wanted)()) {
+  unsigned switch_num = log_state.switch_num.load();
+  if (switch_num % 2 != 0 ||
+      !log_state.switch_num.compare_exchange_strong(switch_num, switch_num + 1))
+    return;
+  if (is_wanted()) switch_file();
+  log_state.switch_num.store(switch_num + 2);
+}
+
+// A host may have closed the file together with its own. Tried once a second.
+void reopen_lost_file() {
+  const std::int64_t now = time(nullptr);
+  if (is_lost() && log_state.reopened.exchange(now) != now) switch_file_if(is_lost);
+}
+
 }  // namespace
 
 int open_log(const char* dir, const char* title, unsigned mask) {
@@ -112,13 +134,7 @@ void forget_log() {
 }
 
 void check_day() {
-  if (log_state.log_dir[0] == '\0' || local_time().tm_yday == log_state.cur_day.load()) return;
-  unsigned switch_num = log_state.switch_num.load();
-  if (switch_num % 2 != 0 ||
-      !log_state.switch_num.compare_exchange_strong(switch_num, switch_num + 1))
-    return;
-  if (local_time().tm_yday != log_state.cur_day.load()) switch_file();
-  log_state.switch_num.store(switch_num + 2);
+  if (log_state.log_dir[0] != '\0' && is_another_day()) switch_file_if(is_another_day);
 }
 
 int log_printf(const char* format, ...) {
@@ -133,8 +149,12 @@ int log_printf(const char* format, ...) {
 
   const CancelGuard not_cancelled;
   check_day();
-  const int fd = log_state.file.fd.load();
-  if (!may_write(fd)) return 0;
+  int fd = log_state.file.fd.load();
+  if (!may_write(fd)) {
+    reopen_lost_file();
+    fd = log_state.file.fd.load();
+    if (!may_write(fd)) return 0;
+  }
 
   char stamp[32];
   get_cur_time(stamp);

@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/sem.h>
 #include <sys/wait.h>
 
 #include <atomic>
@@ -434,6 +435,49 @@ TEST_F(Calls, WorkOnStacksOf32KilobytesAndOfHandlersWith16) {
     testing::internal::GetCapturedStdout();
     testing::internal::GetCapturedStderr();
   }));
+}
+
+// ---- Forks at the worst moment ----
+
+bool calls(std::size_t import, std::string_view name) { return imports()[import].name == name; }
+
+TEST_F(Calls, AForkWaitsForTheThreadThatAsksForTheLocalTime) {
+  in_host([] {
+    static std::atomic<bool> is_inside, has_forked;
+    set_on_import([](std::size_t import) {
+      if (calls(import, "localtime_r") && !is_inside.exchange(true))
+        wait_until([] { return has_forked.load(); }, 200ms);
+      return 0;
+    });
+    std::thread other([] { event(5); });
+    ASSERT_TRUE(wait_until([] { return is_inside.load(); }));
+    const auto begun = std::chrono::steady_clock::now();
+    const pid_t child = fork();
+    if (child == 0) _exit(0);
+    has_forked = true;
+    EXPECT_GT(std::chrono::steady_clock::now() - begun, 100ms);
+    waitpid(child, nullptr, 0);
+    other.join();
+    set_on_import(nullptr);
+  });
+}
+
+TEST_F(Calls, AForkWhereTheTablesSemaphoreIsHeldLeavesItTheParents) {
+  in_host([&] {
+    static std::atomic<pid_t> child = -1;
+    set_on_import([](std::size_t import) {  // the line of a new entry is written with it held
+      if (calls(import, "write") && child < 0) child = fork();
+      return 0;
+    });
+    event(5);
+    set_on_import(nullptr);
+    if (child == 0) _exit(0);
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(semctl(collector_.ptrc_semid(), 0, GETVAL), 1);
+    EXPECT_EQ(semctl(collector_.ptrc_semid(), 0, GETPID), getpid());
+  });
 }
 
 // ---- An instrumented allocator ----

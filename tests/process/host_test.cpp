@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <fstream>
@@ -137,6 +138,23 @@ TEST_F(Host, NeitherALimitOnFilesNorAClosedConsoleEndsIt) {
     EXPECT_FALSE(is_pending(SIGXFSZ) || is_pending(SIGPIPE));
     limit.rlim_cur = RLIM_INFINITY;  // what the test itself leaves at its exit may be longer
     setrlimit(RLIMIT_FSIZE, &limit);
+  }));
+}
+
+TEST_F(Host, AConsoleThatNobodyReadsDoesNotHoldItUp) {
+  collector_.environment["VARN_CONSOLE"] = "on";
+  EXPECT_TRUE(collector_.run([] {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    while (write(ends[1], "x", 1) == 1) {
+    }
+    fcntl(ends[1], F_SETFL, 0);
+    const int console = dup(STDOUT_FILENO);
+    dup2(ends[1], STDOUT_FILENO);
+    const int started = TRAN_INIT();  // with a banner
+    __cyg_profile_func_enter(nullptr, nullptr);
+    dup2(console, STDOUT_FILENO);
+    EXPECT_EQ(started, 0);
   }));
 }
 

@@ -277,6 +277,22 @@ TEST_F(Lifecycle, AForkInsideACallReturnsIntoIt) {
   }));
 }
 
+// Whose threads the agent knew by the names of their functions, before the fork and the start.
+TEST_F(Lifecycle, AWorkerForkedBeforeTheStartIsAThreadOfItsOwn) {
+  collector_.environment["VARN_THREAD_ID"] = "kernel";
+  EXPECT_TRUE(collector_.run([&] {
+    TRAN_ADD_PROFILE(1, "main");
+    const pid_t worker = fork();
+    if (worker == 0) {
+      const bool traces = TRAN_INIT() == 0 && is_sent(event(-1));
+      const bool is_known =
+          collector_.entry_of(getpid(), static_cast<unsigned>(gettid())) != nullptr;
+      _exit(traces && is_known && TRAN_DONE() == 0 ? 0 : 1);
+    }
+    EXPECT_TRUE(ends_well(worker));
+  }));
+}
+
 TEST_F(Lifecycle, SignalHandlersMayCallAtAnyMoment) {
   static std::atomic<int> handled{0}, inside_a_call{0}, odd_results{0};
   collector_.que_info().log_flag_set = get_log_flag_set("SEV");  // without information records

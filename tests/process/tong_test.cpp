@@ -199,7 +199,9 @@ TEST_F(Tong, SomeTelegramsAreNotLoggedAndShortOnesAreRefused) {
   EXPECT_TRUE(files().empty());
   EXPECT_FALSE(collector_.logged("tong log:"));
   EXPECT_EQ(collector_.count_logged(euc_kr("통전문 길이 체크 오류(최소 길이(512)보다 작음, ")), 2);
-  EXPECT_TRUE(collector_.logged(">> TRAN_START_API [hhhhhhhhhGID0"));
+  const std::string shown = telegram(1, 511);
+  EXPECT_TRUE(collector_.logged(">> TRAN_START_API [" + shown + "] "));
+  EXPECT_TRUE(collector_.logged(euc_kr("511 byte) : 내용|") + shown + "|"));
   EXPECT_TRUE(collector_.logged(">> TRAN_END_API [ABCDEFGHI] "));
   EXPECT_TRUE(collector_.logged(euc_kr("12 byte) : 내용|ABCDEFGHIJKL|")));
 }
@@ -438,6 +440,7 @@ TEST_F(Tong, AHostThatClosesItsDescriptorsGetsNothingInItsFiles) {
     EXPECT_EQ(TRAN_DONE(), 0);
   });
   EXPECT_EQ(read_file(hosts), "");
+  EXPECT_TRUE(collector_.logged("(I) tong log: 2 written, 0 dropped")) << "the agent's log is back";
 }
 
 }  // namespace

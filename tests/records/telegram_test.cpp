@@ -149,6 +149,7 @@ TEST_F(Telegram, OfAServiceIdOfTwelveCharactersNineCount) {
 
 TEST_F(Telegram, TheChannelChoosesTheGidAndAChangeIsAnnouncedToBoth) {
   const std::string host30 = kHostGid.substr(0, 30), telegram30 = kTelegramGid.substr(0, 30);
+  constexpr char kNoGid[32] = {};
   struct {
     Arg gid;
     const char* channel;
@@ -164,6 +165,7 @@ TEST_F(Telegram, TheChannelChoosesTheGidAndAChangeIsAnnouncedToBoth) {
       {nullptr, "WEB", nullptr, "", false},
       {nullptr, "ICT", nullptr, kTelegramGid, false},
       {{"", 0}, "WEB", "", "", true},
+      {{kNoGid, sizeof kNoGid}, "WEB", "", "", true},
   };
   const std::string like = telegram30 + "ZZ";
   for (const bool standard : {kStandard, kFixed}) {
@@ -184,7 +186,7 @@ TEST_F(Telegram, TheChannelChoosesTheGidAndAChangeIsAnnouncedToBoth) {
       if (!announced) continue;
       const std::string kind = c.announced;
       const std::string host =
-          std::string(c.gid.text, c.gid.len < 0 ? 32 : static_cast<std::size_t>(c.gid.len))
+          std::string(c.gid.text, strnlen(c.gid.text, c.gid.len < 0 ? 32 : c.gid.len))
               .substr(0, 32);
       EXPECT_EQ(text_of(records[0], kGid), host);
       EXPECT_EQ(text_of(records[1], kGid), kTelegramGid);
