@@ -26,7 +26,8 @@ inline bool is_switched_on(std::uint8_t log_flag) {
 }
 
 inline std::uint8_t snapshot_state(const MTR_CXT_VAR& var) {
-  return load(var.ptrc->snapshot_state);
+  const std::uint8_t state = load(var.ptrc->snapshot_state);
+  return state <= kSnapshotFinished ? state : std::uint8_t{kSnapshotNone};
 }
 
 inline bool has_open_service(const MTR_CXT_VAR& var) {

@@ -201,8 +201,7 @@ bool changes_names(const ExportedCall& call) { return call.name.ends_with("_PROF
 void trace_until(const std::atomic<bool>& stopped, int thread, Tally& tally) {
   for (int round = 0; !stopped; ++round) {
     const int own = kThreads * (1 + round / 32 % 31) + thread;
-    const bool is_process = kThreadsMayBeMixed && thread == 0 && round % 4 == 0;
-    const int tid = is_process ? 0 : own + 256 * (round % 2);
+    const int tid = own + 256 * (round % 2);
     for (const ExportedCall& call : kExportedCalls) {
       if (starts_or_stops(call) || (changes_names(call) && thread != 0)) continue;
       const Stopwatch watch;
