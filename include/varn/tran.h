@@ -84,10 +84,10 @@ enum tran_rc {
 VARN_API int TRAN_INIT(void);
 
 /* Releases what TRAN_INIT attached. Calls made by other threads are refused from here on, and those
- * under way are waited for up to 3 seconds; so are telegrams that are queued for their file, as long
- * as the disk takes them. Those that a process without TRAN_DONE has queued when it exits are lost.
- * Returns 0; or -1 when a call is still under way or a segment could not be detached: everything
- * then stays attached for the next TRAN_INIT. Done without a start it returns 0. */
+ * under way are waited for up to 3 seconds; so are telegrams that are queued for their file, as
+ * long as the disk takes them. Those that a process without TRAN_DONE has queued when it exits are
+ * lost. Returns 0; or -1 when a call is still under way or a segment could not be detached:
+ * everything then stays attached for the next TRAN_INIT. Done without a start it returns 0. */
 VARN_API int TRAN_DONE(void);
 
 /* The texts that every service call takes after the thread number, whichever others follow. Each is
