@@ -95,6 +95,7 @@ void Collecting::end_early() {
 }
 
 void Collecting::stop() {
+  housekeeper_ = {};  // ended here: the caller detaches the objects next
   drain_.stop();
   trees_.finish();
   write_out();

@@ -48,8 +48,8 @@ class SignalQueue {
 
 class Collecting {
  public:
-  // `objects` stay attached until after the summary. Throws Failure when the output cannot be
-  // opened.
+  // `objects` stay attached until after stop() and the summary. Throws Failure when the output
+  // cannot be opened.
   Collecting(const SharedObjects& objects, const OutputOptions& options);
   ~Collecting();
   Collecting(const Collecting&) = delete;
@@ -61,7 +61,7 @@ class Collecting {
   // Polled for nothing, tells when a pipe's reader has gone.
   int output_fd() const { return fileno(out_); }
 
-  // Shows what the queues still hold, and no more.
+  // Shows what the queues still hold, and no more. Ends the threads that use the objects.
   void stop();
 
   // After stop(). The stream for what is said at the end: the records' own when that is text on
