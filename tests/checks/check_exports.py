@@ -1,6 +1,6 @@
 """The library exports what its headers declare and its version script lists, and is a quiet guest.
 
-Usage: check_exports.py ROOT LIBRARY NM READELF
+Usage: check_exports.py ROOT LIBRARY NM READELF COMPILER [JAVA]
 """
 
 import pathlib
@@ -30,6 +30,8 @@ WANTED_IMPORTS = {
 UNWANTED_IMPORTS = {"__cxa_atexit": "it does something when its host exits", "atexit": "the same"}
 # The one that the compiler puts into every library; one of our own would run in every host.
 MOST_INITIALISERS = 1
+# The C library has empty ones, for a profiler to take their place.
+MEANT_TO_REPLACE = {"__cyg_profile_func_enter", "__cyg_profile_func_exit"}
 
 
 def run(*command):
@@ -109,7 +111,14 @@ def guest_faults(readelf, library, exports):
             yield f"{name}: calls from inside may bind to a namesake of the host's"
 
 
-def faults(root, library, nm, readelf):
+def hosts_libraries(compiler, java=None):
+    for name in ("libc.so.6", "libstdc++.so.6"):
+        yield run(compiler, f"-print-file-name={name}").strip()
+    if java:
+        yield from pathlib.Path(java).resolve().parents[1].glob("lib/**/libjvm.so")
+
+
+def faults(root, library, nm, readelf, *host):
     header = declared(root)
     script = listed(root / "cmake/varn.map")
     if not header:
@@ -117,7 +126,12 @@ def faults(root, library, nm, readelf):
     yield from differences("the headers", header, "varn.map", {name for name, _ in script})
     built = exported(nm, library)
     yield from differences("varn.map", script, "the library", built)
-    yield from guest_faults(readelf, library, {name for name, _ in built})
+    names = {name for name, _ in built}
+    yield from guest_faults(readelf, library, names)
+    for installed in hosts_libraries(*host):
+        namesakes = names & {name for name, _ in exported(nm, installed)}
+        for name in sorted(namesakes - MEANT_TO_REPLACE):
+            yield f"{name}: {installed} has one too, and a preloaded library would take its place"
 
 
 root, *rest = sys.argv[1:]

@@ -1,6 +1,8 @@
 #include "util/readcfg.h"
 
 #include <cstdio>
+#include <cstring>
+#include <random>
 #include <string>
 
 #include "support/support.h"
@@ -101,6 +103,36 @@ TEST_F(ConfigFile, SeekingCountsLines) {
   EXPECT_EQ(get_string_in_section(file, "LATE", out), -1);
   EXPECT_EQ(seek_section(file, "V"), -1);
   std::fclose(file);
+}
+
+TEST_F(ConfigFile, WhateverItHoldsATokenFitsAndNothingElseIsWritten) {
+  const std::string pieces[] = {
+      "[S]", "KEY",  " = ",  "=",  "\n", "\nKEY = ",           "[",
+      "#",   "%n%s", "\r\n", "\t", "\f", std::string(1, '\0'), "\xff\xa1",
+      "a",   "b c ", "]",    "S",  " ",  std::string(63, 'x'), std::string(190, 'y')};
+  std::mt19937_64 random(11);
+  int found = 0;
+  for (int n = rounds(5'000, 2000); n > 0; --n) {
+    std::string content = random() % 4 == 0 ? "" : "[S]\nKEY = ";
+    for (std::uint64_t left = random() % 40; left > 0; --left)
+      content += pieces[random() % std::size(pieces)];
+    write_file(path(), content);
+    struct {
+      char token[64] = "untouched";
+      char behind[8] = "behind";
+    } out;
+    testing::internal::CaptureStderr();
+    const int rc = get_nth_token_in_file_section(path().c_str(), "S", "KEY",
+                                                 static_cast<int>(random() % 18), out.token);
+    const std::string errors = testing::internal::GetCapturedStderr();
+    ASSERT_EQ(rc == 1, errors.empty()) << content;
+    ASSERT_TRUE(rc == 1 ? strnlen(out.token, 64) < 64
+                        : rc == -1 && std::string("untouched") == out.token)
+        << content;
+    ASSERT_STREQ(out.behind, "behind") << content;
+    if (rc == 1) ++found;
+  }
+  EXPECT_GT(found, 100);
 }
 
 }  // namespace
