@@ -77,7 +77,7 @@ TEST_F(TongFile, IsReadByItsLengthsWhateverItsTelegramsHold) {
 
 TEST_F(TongFile, EndsWithATornRecordWhereverThatIsCut) {
   EXPECT_EQ(read(a_ + b_).parts, (Parts{"AS", "BF"}));
-  for (std::size_t size = 1; size < b_.size(); ++size)
+  for (std::size_t size = 1; size < b_.size(); size += test::kOneInAlone)
     ASSERT_EQ(read(a_ + b_.substr(0, size)).parts,
               (Parts{"AS", "tail 669+" + std::to_string(size)}));
 }

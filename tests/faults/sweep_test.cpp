@@ -244,7 +244,8 @@ TEST(Faults, NoFailingFunctionHarmsTheHostOrLastsOver) {
   std::vector<std::unique_ptr<ChildProcess>> workers;
   for (FaultyHost& host : hosts)
     workers.push_back(std::make_unique<ChildProcess>([&] {
-      for (std::size_t at = 0; at = static_cast<std::size_t>((*next)++), at < cases.size();)
+      for (std::size_t at = 0;
+           at = static_cast<std::size_t>(next->fetch_add(kOneInAlone)), at < cases.size();)
         host.live_with(cases[at]);
     }));
   for (auto& worker : workers) EXPECT_TRUE(worker->wait(is_soak() ? 3600s : 600s));

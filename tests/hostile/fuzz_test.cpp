@@ -13,7 +13,7 @@
 namespace varn::test {
 namespace {
 
-constexpr std::int64_t kExecutions = 100'000;
+constexpr std::int64_t kExecutions = 100'000 / kOneInAlone;
 constexpr std::int64_t kLongExecutions = 5'000'000;
 
 // ---- Arguments ----

@@ -15,7 +15,7 @@
 namespace varn::test {
 namespace {
 
-constexpr int kImages = 20'000;
+constexpr int kImages = 20'000 / kOneInAlone;
 constexpr int kTid = 7;      // has its entry when the damage comes
 constexpr int kLateTid = 8;  // has none yet
 constexpr int kNear = 12;    // entries that a fresh table hands out first
