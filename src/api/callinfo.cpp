@@ -363,7 +363,7 @@ int send_call(MTR_CXT_VAR& var, const EndedCall& ended, const EndArgs& args) {
   const Text text = body.text();
   put_fields<kCallBody>(var.rec.view, {&text, 1});
   const RecordKind& kind = ended.is_dbio() ? kKind<kDbioCall> : kKind<kBizCall>;
-  put_svc_id(var.rec, Text::of(ended.service->svc_id));
+  put_field<kSvcId>(var.rec.view, Text::of(ended.service->svc_id));
   put_header(var, var.rec, kind, args.head, Text::of(ended.service->gid), stamp);
   close_record(var, kind);
   return tran_logb(var, var.rec);

@@ -15,12 +15,6 @@
 namespace varn {
 namespace {
 
-template <const Field& kField>
-void put_field(char* view, Text text) {
-  put_padded(view + kField.at, kField.width, text);
-  view[kField.at + kField.width] = ' ';
-}
-
 // The hash of a transaction's GID serves all its records.
 std::uint32_t queue_hash(MTR_CXT_VAR& var, const TRAN_LOGF_QUE_DATA& record) {
   const char* const gid = record.view + kGid.at;

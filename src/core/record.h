@@ -12,10 +12,21 @@ namespace varn {
 
 using Pairs = std::span<const Text>;
 
-inline void put_svc_id(TRAN_LOGF_QUE_DATA& record, Text svc_id) {
-  char* const field = record.view + kSvcId.at;
-  put_padded(field, kSvcId.width, svc_id);
-  field[kSvcId.width] = ' ';
+// Fills a field of the header, which the text may overlap, and the blank behind it. A text mostly
+// fills its field or is not given: both cost a few instructions.
+template <const Field& kField>
+void put_field(char* view, Text text) {
+  char* const place = view + kField.at;
+  if (!text.given()) {
+    std::memset(place, ' ', kField.width);
+  } else if (text.len == static_cast<std::int32_t>(kField.width)) {
+    char copy[kField.width];
+    std::memcpy(copy, text.ptr, kField.width);
+    std::memcpy(place, copy, kField.width);
+  } else {
+    put_padded(place, kField.width, text);
+  }
+  place[kField.width] = ' ';
 }
 
 // Fills the header of one of the context's two records, but for the service id, which is there

@@ -361,7 +361,7 @@ int end_service(MTR_CXT_VAR& var, const ServiceForm& form, int tid, Pairs pairs)
   const EndTimes times = end_times(var, pairs, current);
   put_header(var, var.rec, form.end, pairs.first(kHeadPairs), Text::of(top.gid),
              stamp_of(var, current, times.moment));
-  put_padded(var.rec.view + kSvcId.at, kSvcId.width, Text::of(top.svc_id));  // notices wrote theirs
+  put_field<kSvcId>(var.rec.view, Text::of(top.svc_id));  // notices wrote theirs
   put_service(var, form.end, pairs, times.elapsed, times.dbio_elapsed);
   int rc = tran_logb(var, var.rec);
 

@@ -15,6 +15,8 @@ bool is_linked_channel(Text chnl_typ_cd) {
 }
 
 bool is_same_gid(Text a, Text b) {
+  const auto fills = [](Text gid) { return gid.given() && gid.len >= std::int32_t{kComparedGid}; };
+  if (fills(a) && fills(b)) return std::memcmp(a.ptr, b.ptr, kComparedGid) == 0;
   char padded[2][kComparedGid];
   put_padded(padded[0], kComparedGid, a);
   put_padded(padded[1], kComparedGid, b);
@@ -31,7 +33,10 @@ void put_service(MTR_CXT_VAR& var, const RecordKind& kind, Pairs pairs, std::int
                  std::int64_t dbio_elapsed_us) {
   char* const view = var.rec.view;
   const auto put_number = [view](const Field& field, std::int64_t number) {
-    put_digits(view + field.at, field.width, number);
+    if (number == 0)  // as all of a start's
+      std::memset(view + field.at, '0', field.width);
+    else
+      put_digits(view + field.at, field.width, number);
     view[field.at + field.width] = ' ';
   };
   put_number(kElapsed, elapsed_us);

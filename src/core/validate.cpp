@@ -154,7 +154,7 @@ template <char kRecType>
   if (const int rc = entry_fault(var, kRecType); rc != 0) return rc;
   if (needs_open_service(kRecType, api_type) && !has_open_service(var)) return TRAN_RC_NO_SERVICE;
   if (kRecType == 'Q' && load(var.ptrc->sql_cnt) > kSqlEntries) return TRAN_RC_TOO_MANY_SQL;
-  put_svc_id(record, svc_id);
+  put_field<kSvcId>(record.view, svc_id);
 
   if constexpr (kRecType == '1') return validate_start(var, kind, record.view + kSvcId.at, snap_cd);
   if constexpr (kRecType == '2') return validate_end(var, kind);

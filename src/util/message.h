@@ -109,6 +109,7 @@ class Message {
 // The bytes of a caller's text as "%.*s" would print them: up to `width`, or to a zero byte.
 inline std::string_view printable(Text text, std::size_t width) {
   const std::string_view bytes = text.clipped(width);
+  if (text.len < 0) return bytes;
   return {bytes.data(), bytes.empty() ? 0 : strnlen(bytes.data(), bytes.size())};
 }
 
