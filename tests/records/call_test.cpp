@@ -209,6 +209,24 @@ TEST_F(CallTest, ServicesWithoutDatabaseRecordsKeepTheirTimesAndSql) {
   EXPECT_TRUE(bodies_of(records, 'C')[0].starts_with("1,10,0.000040,0.000000,0.000000,0.000040,"));
 }
 
+TEST_F(CallTest, ClockThatStepsBackInsideCallsGivesThemNegativeTimes) {
+  collector.que_info().fst_err_rc_set[5] = 1;
+  const auto records = in_service([&] {
+    EXPECT_EQ(call_start("outer"), 0);
+    EXPECT_EQ(call_start("failed"), 0);
+    advance_clock(-3'600'500'000);
+    EXPECT_EQ(call_end({.status = -5, .func_nm = "failed"}), 0);
+    EXPECT_EQ(call_end("outer"), 110);
+    EXPECT_EQ(call_start("later"), 0);
+    EXPECT_EQ(call_end("later"), 0);
+    EXPECT_EQ(end(kService), 0);
+  });
+  ASSERT_EQ(types_of(records), "CCI2");
+  EXPECT_TRUE(bodies_of(records, 'C')[0].starts_with("2,10,-3600.-500000,-3600.-500000,0.000000,"));
+  EXPECT_EQ(text_of(records[3], kTime), "131319500000");
+  EXPECT_EQ(body_field(records[3], "elapsed_us"), "0000000000");
+}
+
 TEST_F(CallTest, FirstFailedCallOfAServiceIsRecordedWithThoseAroundIt) {
   const struct {
     int status, rc, error_class;
