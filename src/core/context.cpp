@@ -37,6 +37,7 @@ std::atomic<std::int64_t> table_lock_resume;  // second before which the lock is
 // The semaphore orders what its holders do, but only the kernel knows: this tells the C++ memory
 // model, and with it the thread sanitizer.
 std::atomic<bool> table_lock_order;
+std::atomic<std::int64_t> entry_refused_ns;  // when the table last had no entry to give
 std::atomic<std::uint64_t> last_claim_no;
 bool buckets_ready;  // their mutexes are initialised; under main_lock
 unsigned forks;      // between the process that first started the agent and this one
@@ -172,12 +173,20 @@ int find_entry(MTR_CXT_VAR& var, const MtrTidIdx& bucket) {
       VARN_LOG_LIMITED("<!> ptrc_hash_tbl is full, no entry for pid %d, tid %lu", var.pid, var.tid);
       break;
   }
+  entry_refused_ns.store(monotonic_ns(), std::memory_order_relaxed);
   return TRAN_RC_NO_ENTRY;
+}
+
+// A thread without an entry asks at every call, but has the table searched, under the host's
+// semaphore, once a millisecond only.
+bool was_refused_just_now() {
+  return monotonic_ns() - entry_refused_ns.load(std::memory_order_relaxed) < kSearchPauseNs;
 }
 
 // With the bucket locked.
 int claim_context(Caller& caller, MtrTidIdx& bucket, std::uint64_t tid, MTR_CXT_VAR** out) {
   if (bucket.cnt == kBucketContexts && !has_reclaimable(bucket)) return TRAN_RC_NO_CONTEXT;
+  if (was_refused_just_now()) return TRAN_RC_NO_ENTRY;
   const TableLock lock;
   if (!lock.entered()) return TRAN_RC_NO_ENTRY;
   check_mtr_cxt_var(bucket, &caller);
@@ -398,6 +407,7 @@ void set_cont_nm(const char* block, std::size_t len, char* out, const char* name
 }
 
 bool init_contexts() {
+  entry_refused_ns.store(0, std::memory_order_relaxed);  // a start asks the table itself
   if (buckets_ready) return true;
   for (int i = 0; i < kBuckets; ++i) {
     MtrTidIdx& bucket = gvar.mtr_tid_idx[i];

@@ -84,6 +84,7 @@ TEST_F(Validated, AnEntryThatIsMissingOrAnotherThreadsIsLoggedWhereAServiceStart
     EXPECT_EQ(start({.gid = "G", .svc_id = "S"}), TRAN_RC_NO_ENTRY);
     EXPECT_EQ(info({.gid = "G", .svc_id = "S"}), TRAN_RC_NO_ENTRY);
     free.count = count;
+    EXPECT_TRUE(wait_until([] { return TRAN_SQL_ID(kThread, "S", 1) == 0; }));
     EXPECT_EQ(start({.gid = "G", .svc_id = "S"}), 0);
     PTRC_HASH_ENT& mine = entry();
     mine.ent_tid = 9;
